@@ -1,0 +1,41 @@
+# Front door: `make demo` and `make test` on a fresh Debian 12 machine.
+.PHONY: all deps build demo test test-asan test-tsan fuzz bench format clean
+
+JOBS ?= 2
+DEMO_DIR ?= $(CURDIR)/out/demo
+
+all: build
+
+deps:
+	@scripts/setup-deps.sh
+
+build: deps
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS)
+
+demo: build
+	@scripts/demo.sh build/release/tools/vaporix/vaporix "$(DEMO_DIR)"
+
+# All tests, built with AddressSanitizer and UBSan.
+test: deps
+	cmake --preset ci >/dev/null
+	cmake --build --preset ci -j $(JOBS)
+	ctest --preset ci
+
+test-tsan: deps
+	cmake --preset tsan >/dev/null
+	cmake --build --preset tsan -j $(JOBS)
+	ctest --preset tsan
+
+fuzz: deps
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz -j $(JOBS)
+
+bench: build
+	@for b in build/release/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf build out

@@ -1,0 +1,51 @@
+// The log file's name and "#" rule, and the message function's muting.
+#include "foundation/log.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "TestSupport.h"
+
+using namespace vaporix;
+using vaporix::test::LogRecorder;
+using vaporix::test::TempDir;
+
+TEST(Log, WritesToThePidFileAndStripsTheHash) {
+    TempDir dir;
+    setenv("LUMO_LOG_DIR", dir.path().c_str(), 1);
+    const std::string expected = dir.path() + "/lumo_dbg_log_" + std::to_string(getpid());
+    EXPECT_EQ(lumoLogPath(), expected);
+    {
+        LogRecorder rec;
+        lumoLog("plain %d\n", 1);
+        lumoLog("#hashed %s\n", "two");
+        EXPECT_EQ(rec.text(), "plain 1\nhashed two\n");
+    }
+    const auto bytes = test::readBytes(expected);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "plain 1\nhashed two\n");
+    unsetenv("LUMO_LOG_DIR");
+}
+
+TEST(Message, MutedBitOnlyLogs) {
+    int shown = 0;
+    setMessageHandler([&](const std::string& title, const std::string& text, int kind) {
+        ++shown;
+        EXPECT_EQ(title, "Lumo Warning");
+        EXPECT_EQ(text, "cache missing");
+        EXPECT_EQ(kind, MESSAGE_WARNING);
+        return true;  // the user ticks "don't show again"
+    });
+    LogRecorder rec;
+    iArray<int> dontshow;
+    showMessage("cache missing", 37, MESSAGE_WARNING, &dontshow);
+    ASSERT_EQ(dontshow.count, 2);
+    EXPECT_EQ(dontshow[1], 1 << 5);
+    showMessage("cache missing", 37, MESSAGE_WARNING, &dontshow);
+    EXPECT_EQ(shown, 1);
+    EXPECT_EQ(rec.text(), "Message (Muted): cache missing\n");
+    setMessageHandler({});
+    EXPECT_EQ(messageTitle(MESSAGE_ERROR), "Lumo Error");
+    EXPECT_EQ(messageTitle(7), "Lumo Information");
+}
