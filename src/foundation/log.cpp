@@ -15,24 +15,25 @@ namespace vaporix {
 
 namespace {
 
+// These live for the whole process (never destroyed) so that objects destroyed at exit may log.
 std::mutex& logMutex() {
-    static std::mutex m;
-    return m;
+    static std::mutex* m = new std::mutex;
+    return *m;
 }
 
 LogSink& logSink() {
-    static LogSink sink;
-    return sink;
+    static LogSink* sink = new LogSink;
+    return *sink;
 }
 
 std::mutex& handlerMutex() {
-    static std::mutex m;
-    return m;
+    static std::mutex* m = new std::mutex;
+    return *m;
 }
 
 MessageHandler& messageHandler() {
-    static MessageHandler handler;
-    return handler;
+    static MessageHandler* handler = new MessageHandler;
+    return *handler;
 }
 
 std::string logFolder() {

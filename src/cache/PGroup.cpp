@@ -1,0 +1,303 @@
+// Particle groups: channel expansion for every compression kind, values, ID order and lookup.
+#include "cache/PGroup.h"
+
+#include <cstring>
+
+#include "cache/SGCompressor.h"
+#include "cache/VaporixFrameData.h"
+#include "cache/limits.h"
+#include "cache/zlibutil.h"
+#include "foundation/log.h"
+
+namespace vaporix {
+
+int prtComponentCount(int channel) {
+    switch (channel) {
+        case PRT_POSITION:
+        case PRT_VELOCITY:
+        case 4:
+            return 3;
+        case 6:
+        case 7:
+        case 8:
+            return 0;  // not stored
+        case PRT_ID:
+            return 2;  // 64-bit integer
+        default:
+            return (channel >= 0 && channel < PRT_CHANNELS) ? 1 : 0;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// ID order
+
+bool IDORD::isGreater(const uint32_t& a, const uint32_t& b) const {
+    return group->idAt(a) > group->idAt(b);
+}
+
+void IDORD::mergeSort(uint32_t* items, uint32_t* scratch, int n) const {
+    if (n < 7) {
+        // Exchange sort: small runs are cheaper without the merge's copies.
+        for (int i = 0; i < n; ++i)
+            for (int j = i + 1; j < n; ++j)
+                if (isGreater(items[i], items[j])) std::swap(items[i], items[j]);
+        return;
+    }
+    const int half = n / 2;
+    mergeSort(items, scratch, half);
+    mergeSort(items + half, scratch, n - half);
+    int i = 0, j = half, k = 0;
+    while (i < half && j < n) scratch[k++] = isGreater(items[i], items[j]) ? items[j++] : items[i++];
+    while (i < half) scratch[k++] = items[i++];
+    while (j < n) scratch[k++] = items[j++];
+    std::memcpy(items, scratch, sizeof(uint32_t) * static_cast<size_t>(n));
+}
+
+void IDORD::sortById() {
+    if (count < 2) return;
+    iArray<uint32_t> scratch;
+    if (!scratch.resize(count, nullptr, true)) {
+        free();
+        return;
+    }
+    mergeSort(data, scratch.data, count);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Group
+
+PGroup::PGroup(const PGroup& other)
+    : IVaporixPrtGroup(other),
+      idOrder(other.idOrder),
+      name(other.name),
+      channelBits(other.channelBits),
+      flags(other.flags),
+      count(other.count),
+      frame(other.frame) {
+    idOrder.group = this;
+    std::memcpy(reserved8, other.reserved8, sizeof reserved8);
+    for (int c = 0; c < PRT_CHANNELS; ++c) channelData[c] = other.channelData[c];
+}
+
+PGroup& PGroup::operator=(const PGroup& other) {
+    if (this == &other) return *this;
+    idOrder = other.idOrder;
+    idOrder.group = this;
+    name = other.name;
+    channelBits = other.channelBits;
+    flags = other.flags;
+    count = other.count;
+    std::memcpy(reserved8, other.reserved8, sizeof reserved8);
+    for (int c = 0; c < PRT_CHANNELS; ++c) channelData[c] = other.channelData[c];
+    frame = other.frame;
+    return *this;
+}
+
+int PGroup::GetCount() {
+    const ChannelData& pos = channelData[PRT_POSITION];
+    return (pos.compressed.count > 0 || pos.expanded.count > 0) ? count : 0;
+}
+
+int PGroup::GetChannelStride(int channel) { return prtComponentCount(channel) * 4; }
+
+bool PGroup::HasChannel(int channel) {
+    if (channel < 0 || channel >= PRT_CHANNELS) return false;
+    if (channel == PRT_VELOCITY && frame && flags == PGROUP_GRID_VELOCITY)
+        return frame->HasChannel(CH_VELOCITY_X);
+    const ChannelData& cd = channelData[channel];
+    return cd.compressed.count > 0 || cd.expanded.count > 0;
+}
+
+bool PGroup::GetValue(int index, int channel, void* out) {
+    if (channel < 0 || channel >= PRT_CHANNELS || index < 0 || index >= count) return false;
+    const ChannelData& cd = channelData[channel];
+    const int stride = GetChannelStride(channel);
+    if (cd.expanded.count > 0) {
+        const long long at = static_cast<long long>(index) * stride;
+        if (at + stride > cd.expanded.count) return false;
+        std::memcpy(out, cd.expanded.data + at, static_cast<size_t>(stride));
+        return true;
+    }
+    if (channel == PRT_VELOCITY && frame && HasChannel(PRT_VELOCITY)) {
+        // Velocity from the grid at the particle's position; this read never expands the grid.
+        float* v = static_cast<float*>(out);
+        float p[3];
+        v[0] = v[1] = v[2] = 0.0f;
+        if (!GetValue(index, PRT_POSITION, p) || !frame->channels[CH_VELOCITY_X]) return false;
+        float* ch[16] = {};
+        ch[0] = frame->channels[CH_VELOCITY_X];
+        ch[1] = frame->channels[CH_VELOCITY_Y];
+        ch[2] = frame->channels[CH_VELOCITY_Z];
+        float sampled[16] = {};
+        SampleChannels(ch, frame->gridSize, p, sampled, 0x7u, 0, 0);
+        v[0] = sampled[0];
+        v[1] = sampled[1];
+        v[2] = sampled[2];
+        return true;
+    }
+    return false;
+}
+
+void* PGroup::allocChannel(int channel) {
+    if (channel < 0 || channel >= PRT_CHANNELS || count < 0) return nullptr;
+    ChannelData& cd = channelData[channel];
+    const long long bytes = static_cast<long long>(count) * GetChannelStride(channel);
+    if (!cd.expanded.resize(bytes, nullptr, true)) return nullptr;
+    return cd.expanded.data;
+}
+
+bool PGroup::setChannel(int channel, const void* data, uint64_t size) {
+    if (channel < 0 || channel >= PRT_CHANNELS || count < 0) return false;
+    const uint64_t needed = static_cast<uint64_t>(count) * GetChannelStride(channel);
+    if (size == ~uint64_t(0)) size = needed;
+    if (size != needed) return false;
+    ChannelData& cd = channelData[channel];
+    if (static_cast<uint64_t>(cd.expanded.count) != needed && !allocChannel(channel)) return false;
+    if (size) std::memcpy(cd.expanded.data, data, size);
+    return true;
+}
+
+void* PGroup::getChannelPointer(int index, int channel) {
+    if (channel < 0 || channel >= PRT_CHANNELS || index < 0 || index >= count) return nullptr;
+    ChannelData& cd = channelData[channel];
+    const long long at = static_cast<long long>(index) * GetChannelStride(channel);
+    if (cd.expanded.count == 0 || at >= cd.expanded.count) return nullptr;
+    return cd.expanded.data + at;
+}
+
+int64_t PGroup::idAt(uint32_t index) const {
+    int64_t id;
+    std::memcpy(&id, channelData[PRT_ID].expanded.data + static_cast<size_t>(index) * 8, 8);
+    return id;
+}
+
+namespace {
+
+/// Gathers bit planes: bit b of component k of particle i is bit (i mod 32) of word
+/// (i / 32) + (k * 32 + b) * w of the planes.
+void gatherBitPlanes(const uint32_t* planes, int64_t count, int components, uint32_t* out) {
+    const int64_t w = (count + 31) / 32;
+    for (int64_t i = 0; i < count; ++i) {
+        const uint32_t bit = 1u << (i & 31);
+        const int64_t word = i >> 5;
+        for (int k = 0; k < components; ++k) {
+            uint32_t v = 0;
+            const uint32_t* plane = planes + word + int64_t(k) * 32 * w;
+            for (int b = 0; b < 32; ++b)
+                if (plane[int64_t(b) * w] & bit) v |= 1u << b;
+            out[i * components + k] = v;
+        }
+    }
+}
+
+}  // namespace
+
+int PGroup::DecompressChannel(int channel, bool dropCompressed) {
+    if (channel < 0 || channel >= PRT_CHANNELS) return 0;
+    ChannelData& cd = channelData[channel];
+    if (cd.expanded.count > 0) return 1;
+    if (cd.compressed.count == 0) {
+        lumoLog("PGroup::DecompressChannel failed: no compression data!");
+        return 0;
+    }
+    if (cd.kind < 0 || cd.kind > PRT_KIND_BITPLANES) return 0;
+    const int components = prtComponentCount(channel);
+    const uint64_t values = static_cast<uint64_t>(count < 0 ? 0 : count) * components;
+    const uint64_t bytes = values * 4;
+    bool ok = count >= 0 && expansionJustified(bytes, static_cast<uint64_t>(cd.compressed.count)) &&
+              cd.expanded.resize(static_cast<long long>(bytes), nullptr, true);
+    if (ok) {
+        const uint8_t* src = cd.compressed.data;
+        const uint64_t srcBytes = static_cast<uint64_t>(cd.compressed.count);
+        uint8_t* dst = cd.expanded.data;
+        switch (cd.kind) {
+            case PRT_KIND_RAW:
+                ok = srcBytes >= bytes;
+                if (ok && bytes) std::memcpy(dst, src, bytes);
+                break;
+            case PRT_KIND_ZLIB:
+                ok = inflateInto(src, srcBytes, dst, bytes);
+                break;
+            case PRT_KIND_SG: {
+                SGCompressor<1> codec;
+                ok = codec.decode(src, srcBytes, reinterpret_cast<float*>(dst), values);
+                break;
+            }
+            case PRT_KIND_SG_COMPONENTS: {
+                // Decoded component after component; interleave per particle.
+                iArray<float, long long> planar;
+                SGCompressor<1> codec;
+                ok = planar.resize(static_cast<long long>(values), nullptr, true) &&
+                     codec.decode(src, srcBytes, planar.data, values);
+                if (ok) {
+                    float* out = reinterpret_cast<float*>(dst);
+                    for (int64_t i = 0; i < count; ++i)
+                        for (int k = 0; k < components; ++k)
+                            out[i * components + k] = planar.data[int64_t(k) * count + i];
+                }
+                break;
+            }
+            case PRT_KIND_BITPLANES: {
+                const int64_t w = (int64_t(count) + 31) / 32;
+                iArray<uint32_t, long long> planes;
+                const long long words = w * components * 32;
+                ok = planes.resize(words, nullptr, true);
+                if (ok && words) {
+                    std::memset(planes.data, 0, static_cast<size_t>(words) * 4);
+                    ok = inflateInto(src, srcBytes, reinterpret_cast<uint8_t*>(planes.data),
+                                     static_cast<uint64_t>(words) * 4);
+                }
+                if (ok)
+                    gatherBitPlanes(planes.data, count, components,
+                                    reinterpret_cast<uint32_t*>(dst));
+                break;
+            }
+        }
+    }
+    if (!ok) {
+        cd.expanded.free();
+        cd.compressed.free();
+        return 0;
+    }
+    if (dropCompressed) cd.compressed.free();
+    return 1;
+}
+
+void PGroup::buildIdOrder() {
+    idOrder.free();
+    idOrder.group = this;
+    const ChannelData& cd = channelData[PRT_ID];
+    if (count <= 0 || cd.expanded.count < static_cast<long long>(count) * 8) return;
+    bool sorted = true;
+    int64_t previous = 0;
+    for (int i = 0; i < count && sorted; ++i) {
+        const int64_t id = idAt(static_cast<uint32_t>(i));
+        if (id < previous) sorted = false;
+        previous = id;
+    }
+    if (sorted) return;
+    if (!idOrder.resize(count, nullptr, true)) return;
+    for (int i = 0; i < count; ++i) idOrder.data[i] = static_cast<uint32_t>(i);
+    idOrder.sortById();
+}
+
+int PGroup::FindById(int64_t id) {
+    const ChannelData& cd = channelData[PRT_ID];
+    if (count <= 0 || cd.expanded.count < static_cast<long long>(count) * 8) return -1;
+    const bool ordered = idOrder.count == count;
+    auto indexAt = [&](int64_t k) { return ordered ? idOrder.data[k] : static_cast<uint32_t>(k); };
+    int64_t lo = 0, hi = count;
+    while (hi - lo > 1) {
+        const int64_t mid = (lo + hi) / 2;
+        const int64_t v = idAt(indexAt(mid));
+        if (v < id)
+            lo = mid;
+        else if (v > id)
+            hi = mid;
+        else
+            return static_cast<int>(indexAt(mid));
+    }
+    return idAt(indexAt(lo)) == id ? static_cast<int>(indexAt(lo)) : -1;
+}
+
+}  // namespace vaporix
