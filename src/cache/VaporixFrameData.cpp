@@ -628,6 +628,36 @@ int VaporixFrameData::loadByFrame(int frame, const char* pattern, const char* ch
     return importFile(file.c_str(), channelMapArg, frame, noRetry, headerOnly, false);
 }
 
+const char* loadStatusText(int status) {
+    switch (status) {
+        case LOAD_OK: return "ok";
+        case LOAD_NO_MODULE: return "no module for this cache format";
+        case LOAD_NO_FILE: return "file not found or not a cache file";
+        case LOAD_BROKEN: return "broken file or out of memory";
+        case LOAD_NO_CHANNEL_MAP: return "no channel map for a foreign cache";
+        case SAVE_FAILED: return "the frame can't be written";
+        default: return "read failure";
+    }
+}
+
+std::string channelName(int channel) {
+    switch (channel) {
+        case CH_TEMPERATURE: return "Liquid/Temperature";
+        case CH_SMOKE: return "Smoke";
+        case CH_SPEED: return "Speed";
+        case CH_VELOCITY_X: return "Velocity X";
+        case CH_VELOCITY_Y: return "Velocity Y";
+        case CH_VELOCITY_Z: return "Velocity Z";
+        case CH_RED: return "Red";
+        case CH_GREEN: return "Green";
+        case CH_BLUE: return "Blue";
+        case CH_FUEL: return "Fuel";
+        case CH_WAVELET: return "Wavelet";
+        case CH_PACKED_RGB: return "Packed RGB";
+        default: return "Channel " + std::to_string(channel);
+    }
+}
+
 FrameDataArray::~FrameDataArray() {
     for (int i = count - 1; i >= 0; --i) {
         VaporixFrameData* f = data[i];

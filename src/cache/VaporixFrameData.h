@@ -214,4 +214,14 @@ void releaseFrame(VaporixFrameData* frame);
 /// Bytes the last ImportVxg on this thread read from its file (tests of header-only reads).
 uint64_t lastImportBytesRead();
 
+/// The generation of a .vxg file from its trailer: 0 for the oldest (no trailer), the stored
+/// version otherwise, -1 when the file can't be opened.
+int vxgFileVersion(const char* path);
+
+/// One-line description of a load status ("file not found", ...).
+const char* loadStatusText(int status);
+
+/// Display name of a grid channel ordinal ("Smoke", "Velocity X", "Channel 12").
+std::string channelName(int channel);
+
 }  // namespace vaporix

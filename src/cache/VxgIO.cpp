@@ -748,3 +748,25 @@ int VaporixFrameData::SaveFrame(const char* pattern, uint32_t mask) {
 }
 
 }  // namespace vaporix
+
+namespace vaporix {
+
+int vxgFileVersion(const char* path) {
+    FILE* f = path ? std::fopen(path, "rb") : nullptr;
+    if (!f) return -1;
+    int version = -1;
+    char tail[12];
+    if (fseeko(f, 0, SEEK_END) == 0 && ftello(f) >= 12 && fseeko(f, -12, SEEK_END) == 0 &&
+        std::fread(tail, 1, 12, f) == 12) {
+        if (std::memcmp(tail + 4, END_MAGIC, 8) == 0)
+            std::memcpy(&version, tail, 4);
+        else
+            version = 0;
+    } else {
+        version = 0;
+    }
+    std::fclose(f);
+    return version;
+}
+
+}  // namespace vaporix

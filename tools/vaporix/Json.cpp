@@ -40,9 +40,9 @@ void JsonWriter::beforeValue() {
         return;
     }
     if (!mHasItems.empty()) {
-        if (mHasItems.back()) mOut += ',';
+        if (mHasItems.back()) mOut += mInline.back() ? ", " : ",";
         mHasItems.back() = true;
-        newline();
+        if (!mInline.back()) newline();
     }
 }
 
@@ -50,29 +50,34 @@ JsonWriter& JsonWriter::beginObject() {
     beforeValue();
     mOut += '{';
     mHasItems.push_back(false);
+    mInline.push_back(false);
     return *this;
 }
 
 JsonWriter& JsonWriter::endObject() {
     const bool had = mHasItems.back();
     mHasItems.pop_back();
+    mInline.pop_back();
     if (had) newline();
     mOut += '}';
     if (mHasItems.empty()) mOut += '\n';
     return *this;
 }
 
-JsonWriter& JsonWriter::beginArray() {
+JsonWriter& JsonWriter::beginArray(bool inlineItems) {
     beforeValue();
     mOut += '[';
     mHasItems.push_back(false);
+    mInline.push_back(inlineItems);
     return *this;
 }
 
 JsonWriter& JsonWriter::endArray() {
     const bool had = mHasItems.back();
+    const bool wasInline = mInline.back();
     mHasItems.pop_back();
-    if (had) newline();
+    mInline.pop_back();
+    if (had && !wasInline) newline();
     mOut += ']';
     return *this;
 }
@@ -92,8 +97,12 @@ JsonWriter& JsonWriter::value(const std::string& s) {
 
 JsonWriter& JsonWriter::value(double d) {
     if (!std::isfinite(d)) return null();
+    // Shortest text that reads back as the same double.
     char buf[40];
-    std::snprintf(buf, sizeof buf, "%.17g", d);
+    for (int prec = 15; prec <= 17; ++prec) {
+        std::snprintf(buf, sizeof buf, "%.*g", prec, d);
+        if (std::strtod(buf, nullptr) == d) break;
+    }
     return raw(buf);
 }
 

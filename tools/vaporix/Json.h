@@ -13,7 +13,8 @@ class JsonWriter {
 public:
     JsonWriter& beginObject();
     JsonWriter& endObject();
-    JsonWriter& beginArray();
+    /// An inline array keeps its items on one line (for short lists of numbers).
+    JsonWriter& beginArray(bool inlineItems = false);
     JsonWriter& endArray();
     JsonWriter& key(const std::string& k);
     JsonWriter& value(const std::string& s);
@@ -36,6 +37,7 @@ private:
     void newline();
     std::string mOut;
     std::vector<bool> mHasItems;  // per open container
+    std::vector<bool> mInline;    // per open container
     bool mAfterKey = false;
 };
 
