@@ -1,0 +1,466 @@
+// The user-drawn function of the volume shading: evaluation and editing of a MultiCurve.
+#include "editors/MultiCurve.h"
+
+#include <cmath>
+
+#include "editors/StableOrder.h"
+
+namespace vaporix {
+
+using namespace VpxRenderSets;
+
+struct MultiCurve::Snapshot {
+    iArray<Kind> kinds;
+    iArray<float> positions;
+    iArray<float> values;
+    iArray<bool> selected;
+};
+
+MultiCurve::Snapshot MultiCurve::takeSnapshot() const {
+    return Snapshot{kinds, positions, values, selected};
+}
+
+void MultiCurve::restore(const Snapshot& s) {
+    kinds = s.kinds;
+    positions = s.positions;
+    values = s.values;
+    selected = s.selected;
+    rebuild();
+}
+
+void MultiCurve::clear() {
+    kinds.resize(0);
+    positions.resize(0);
+    values.resize(0);
+    selected.resize(0);
+    rebuild();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Structure queries
+
+int MultiCurve::leftHandle(int index) const {
+    if (index < 0 || index >= count() || !isBezier(kinds[index])) return -1;
+    // Handles of neighbouring keys may cross: step over out-handles of the key before.
+    for (int j = index - 1; j >= 0; --j) {
+        if (kinds[j] == MCP_RIGHT_HANDLE) continue;
+        return kinds[j] == MCP_LEFT_HANDLE ? j : -1;
+    }
+    return -1;
+}
+
+int MultiCurve::rightHandle(int index) const {
+    if (index < 0 || index >= count() || !isBezier(kinds[index])) return -1;
+    for (int j = index + 1; j < count(); ++j) {
+        if (kinds[j] == MCP_LEFT_HANDLE) continue;
+        return kinds[j] == MCP_RIGHT_HANDLE ? j : -1;
+    }
+    return -1;
+}
+
+int MultiCurve::keyOfHandle(int index) const {
+    if (index < 0 || index >= count()) return -1;
+    if (kinds[index] == MCP_LEFT_HANDLE) {
+        for (int j = index + 1; j < count(); ++j)
+            if (isBezier(kinds[j])) return j;
+    } else if (kinds[index] == MCP_RIGHT_HANDLE) {
+        for (int j = index - 1; j >= 0; --j)
+            if (isBezier(kinds[j])) return j;
+    }
+    return -1;
+}
+
+int MultiCurve::keyBelow(float x) const {
+    int found = -1;
+    for (int i = 0; i < count(); ++i)
+        if (positions[i] <= x) found = i;
+    return found;
+}
+
+bool MultiCurve::isValid() const {
+    const int n = count();
+    if (kinds.count != n || values.count != n || selected.count != n) return false;
+    int previousKind = 8;  // no kind has this value
+    float maxPosition = 0.0f;
+    for (int i = 0; i < n; ++i) {
+        const int k = kinds[i];
+        const float x = positions[i];
+        const float y = values[i];
+        if (k != MCP_LINEAR && k != MCP_SPLINE && !isBezier(k) && !isHandle(k)) return false;
+
+        // Keys lie strictly inside the rectangle; handles are free.
+        if (!isHandle(k) && !(x > minX && x < maxX && y > minY && y < maxY)) return false;
+
+        // Ascending positions; a tie only between two handles or two spline keys.
+        if (i > 0) {
+            if (!(x >= maxPosition)) return false;
+            if (x == maxPosition) {
+                const bool handles = isHandle(previousKind) && isHandle(k);
+                const bool splines = previousKind == MCP_SPLINE && k == MCP_SPLINE;
+                if (!handles && !splines) return false;
+            }
+        }
+        if (i == 0 || x > maxPosition) maxPosition = x;
+
+        // Handles belong to a Bezier key, across the crossing handles of the neighbour only.
+        if (k == MCP_LEFT_HANDLE) {
+            int j = i + 1;
+            while (j < n && kinds[j] == MCP_RIGHT_HANDLE) ++j;
+            if (j >= n || !isBezier(kinds[j])) return false;
+        } else if (k == MCP_RIGHT_HANDLE) {
+            int j = i - 1;
+            while (j >= 0 && kinds[j] == MCP_LEFT_HANDLE) --j;
+            if (j < 0 || !isBezier(kinds[j])) return false;
+        } else if (isBezier(k)) {
+            if (leftHandle(i) < 0 || rightHandle(i) < 0) return false;
+        }
+        previousKind = k;
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Order and derived data
+
+void MultiCurve::sort() {
+    const int n = count();
+    if (n < 2) return;
+    iArray<int> order;
+    if (!internal::stableOrder(positions.data, n, order)) return;
+    iArray<Kind> k(kinds);
+    iArray<float> p(positions);
+    iArray<float> v(values);
+    iArray<bool> s(selected);
+    if (k.count != n || p.count != n || v.count != n || s.count != n) return;
+    for (int i = 0; i < n; ++i) {
+        kinds[i] = k[order[i]];
+        positions[i] = p[order[i]];
+        values[i] = v[order[i]];
+        selected[i] = s[order[i]];
+    }
+}
+
+void MultiCurve::rebuild() {
+    sort();
+    keyPositions.resize(0);
+    keyValues.resize(0);
+    splineX.clear();
+    splineY.clear();
+    for (int i = 0; i < count(); ++i) {
+        if (isHandle(kinds[i])) continue;
+        keyPositions.append(positions[i]);
+        keyValues.append(values[i]);
+        splineX.append(positions[i], false);
+        splineY.append(values[i], false);
+    }
+    // Positions must map to the index monotonically for the inverse; values may overshoot.
+    splineX.flags |= CSpline::MONOTONE;
+    splineY.flags &= ~CSpline::MONOTONE;
+    if (splineX.count > 0) splineX.recompute();
+    if (splineY.count > 0) splineY.recompute();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Evaluation
+
+float MultiCurve::evaluateQuadratic(const float p[6], float x) {
+    if (x <= p[0]) return p[1];
+    if (x >= p[4]) return p[5];
+    float lo = 0.0f;
+    float hi = 1.0f;
+    float t = 0.5f;
+    float s = 0.5f;
+    for (;;) {
+        t = (hi + lo) * 0.5f;
+        s = 1.0f - t;
+        const float e = x - (p[0] * s + p[2] * t) * s - (p[2] * s + p[4] * t) * t;
+        if (std::fabs(e) < 1e-6f) break;
+        if (e > 0.0f)
+            lo = t;
+        else
+            hi = t;
+        if (hi - lo <= 1e-6f) break;
+    }
+    return (p[1] * s + t * p[3]) * s + t * (p[5] * t + p[3] * s);
+}
+
+float MultiCurve::evaluateLinear(float x) const {
+    const int n = keyPositions.count;
+    if (n == 0) return 0.0f;
+    if (n == 1) return keyValues[0];
+    // The segment that begins at the last key below x; the end segments extend outward.
+    int j = 0;
+    while (j + 1 < n && keyPositions[j + 1] < x) ++j;
+    if (j > n - 2) j = n - 2;
+    const float span = keyPositions[j + 1] - keyPositions[j];
+    // A zero-length end segment (two spline keys at one position) has no slope to extend.
+    if (span == 0.0f) return x <= keyPositions[j] ? keyValues[j] : keyValues[j + 1];
+    const float f = (x - keyPositions[j]) / span;
+    return (1.0f - f) * keyValues[j] + f * keyValues[j + 1];
+}
+
+float MultiCurve::evaluateKey(int key, int left, int right, float x, bool& noHandle) const {
+    const int k = kinds[key];
+    if (k == MCP_LINEAR) return evaluateLinear(x);
+    if (!isBezier(k)) return splineY.value(splineX.inverse(x));
+
+    const int n = count();
+    if (key == left) {
+        if (right < 0) {
+            // Past the last key: straight on through its out-handle.
+            if (key + 1 >= n) return values[key];
+            const float f = (x - positions[key]) / (positions[key + 1] - positions[key]);
+            return (1.0f - f) * values[key] + f * values[key + 1];
+        }
+        int h = key + 1;
+        while (h < n && kinds[h] != MCP_RIGHT_HANDLE) ++h;
+        if (h >= n) {
+            noHandle = true;
+            return 0.0f;
+        }
+        const float p[6] = {positions[key], values[key],      positions[h],
+                            values[h],      positions[right], values[right]};
+        return evaluateQuadratic(p, x);
+    }
+    if (left < 0) {
+        // Before the first key: straight on through its in-handle.
+        if (key - 1 < 0) return values[key];
+        const float f = (x - positions[key]) / (positions[key - 1] - positions[key]);
+        return (1.0f - f) * values[key] + f * values[key - 1];
+    }
+    // The in-handle is searched from the left key, as the editor has always done.
+    int h = left + 1;
+    while (h < n && kinds[h] != MCP_LEFT_HANDLE) ++h;
+    if (h >= n) {
+        noHandle = true;
+        return 0.0f;
+    }
+    const float p[6] = {positions[left], values[left],   positions[h],
+                        values[h],       positions[key], values[key]};
+    return evaluateQuadratic(p, x);
+}
+
+float MultiCurve::evaluate(float x, int endMode) const {
+    const int n = count();
+    if (n == 0) return 0.0f;
+
+    // i: the largest index whose position is strictly below x.
+    int lo = 0;
+    int hi = n;
+    while (lo < hi) {
+        const int mid = (lo + hi) / 2;
+        if (positions[mid] < x)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    const int i = lo - 1;
+
+    // The keys on each side, stepping over handles.
+    int left = i;
+    while (left >= 0 && isHandle(kinds[left])) --left;
+    int right = i + 1;
+    while (right < n && isHandle(kinds[right])) ++right;
+    if (right >= n) right = -1;
+
+    if (endMode == 2) {
+        if (x <= positions[0]) return values[0];
+        if (x >= positions[n - 1]) return values[n - 1];
+    }
+
+    // Two Bezier keys: the cubic piece between them.
+    if (left >= 0 && right >= 0 && isBezier(kinds[left]) && isBezier(kinds[right])) {
+        const int idx[6] = {leftHandle(left),  left,  rightHandle(left),
+                            leftHandle(right), right, rightHandle(right)};
+        Bezier::Point pts[6];
+        for (int k = 0; k < 6; ++k) {
+            if (idx[k] < 0) return 0.0f;
+            pts[k] = Bezier::Point{positions[idx[k]], values[idx[k]], 0.0f};
+        }
+        return Bezier::evaluate(pts, 6, x);
+    }
+
+    // Otherwise each key's own rule, cross-faded over the segment.
+    // A Bezier key without the handle its rule needs makes the whole value 0.
+    bool noHandle = false;
+    const float vL = left >= 0 ? evaluateKey(left, left, right, x, noHandle) : 0.0f;
+    const float vR = right >= 0 ? evaluateKey(right, left, right, x, noHandle) : 0.0f;
+    if (noHandle) return 0.0f;
+    if (left >= 0 && right >= 0) {
+        const float f = (x - positions[left]) / (positions[right] - positions[left]);
+        return (1.0f - f) * vL + f * vR;
+    }
+    if (left >= 0) return vL;
+    if (right >= 0) return vR;
+    return 0.0f;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Editing
+
+void MultiCurve::insertPoint(int index, int kind, float x, float y) {
+    const int n = count();
+    if (index < 0) index = 0;
+    if (index > n) index = n;
+    // Kinds 0 and 2 (and anything unknown from a damaged table) become spline keys.
+    if (kind != MCP_LINEAR && kind != MCP_SPLINE && !isBezier(kind) && !isHandle(kind))
+        kind = MCP_SPLINE;
+    if (!kinds.resize(n + 1) || !positions.resize(n + 1) || !values.resize(n + 1) ||
+        !selected.resize(n + 1)) {
+        kinds.resize(0);
+        positions.resize(0);
+        values.resize(0);
+        selected.resize(0);
+        return;
+    }
+    for (int j = n; j > index; --j) {
+        kinds[j] = kinds[j - 1];
+        positions[j] = positions[j - 1];
+        values[j] = values[j - 1];
+        selected[j] = selected[j - 1];
+    }
+    kinds[index] = static_cast<Kind>(kind);
+    positions[index] = x;
+    values[index] = y;
+    selected[index] = false;
+}
+
+void MultiCurve::removePoint(int index) {
+    kinds.removeRange(index, 1, true);
+    positions.removeRange(index, 1, true);
+    values.removeRange(index, 1, true);
+    selected.removeRange(index, 1, true);
+}
+
+int MultiCurve::addPoint(float x, float y) {
+    const Snapshot before = takeSnapshot();
+    const int index = keyBelow(x) + 1;
+    insertPoint(index, MCP_SPLINE, x, y);
+    if (!isValid()) {
+        restore(before);
+        return -1;
+    }
+    rebuild();
+    return index;
+}
+
+int MultiCurve::movePoint(int index, float x, float y) {
+    if (index < 0 || index >= count()) return 0;
+    const Snapshot before = takeSnapshot();
+    positions[index] = x;
+    values[index] = y;
+    sort();
+    if (!isValid()) {
+        restore(before);
+        return 0;
+    }
+    rebuild();
+    return 1;
+}
+
+int MultiCurve::setKind(int index, int kind, float width) {
+    if (index < 0 || index >= count()) return 0;
+    if (kind == 0 || kind == 2) kind = MCP_SPLINE;
+    if (kind != MCP_LINEAR && kind != MCP_SPLINE && !isBezier(kind)) return 0;
+    if (isHandle(kinds[index])) return 0;
+    const Snapshot before = takeSnapshot();
+    const int old = kinds[index];
+
+    // Smooth to free Bezier keeps the handles where they are.
+    if (old == MCP_SMOOTH_BEZIER && kind == MCP_FREE_BEZIER) {
+        kinds[index] = MCP_FREE_BEZIER;
+    } else {
+        if (old == kind) return 0;
+        // Leaving a Bezier kind (free to smooth too): its handles go.
+        if (isBezier(old)) {
+            const int l = leftHandle(index);
+            const int r = rightHandle(index);
+            if (l < 0 || r < 0) {
+                restore(before);
+                return 0;
+            }
+            kinds[index] = static_cast<Kind>(kind);
+            removePoint(r);
+            removePoint(l);
+            --index;
+        }
+        if (!isBezier(kind)) {
+            kinds[index] = static_cast<Kind>(kind);
+        } else {
+            // New handles half way to the nearer neighbouring key, at the key's height.
+            int before_ = index - 1;
+            while (before_ >= 0 && isHandle(kinds[before_])) --before_;
+            int after = index + 1;
+            while (after < count() && isHandle(kinds[after])) ++after;
+            const bool hasBefore = before_ >= 0;
+            const bool hasAfter = after < count();
+            float dl = 0.0f;
+            float dr = 0.0f;
+            if (hasBefore && hasAfter) {
+                dl = positions[index] - positions[before_];
+                dr = positions[after] - positions[index];
+            } else if (hasBefore) {
+                dl = dr = positions[index] - positions[before_];
+            } else if (hasAfter) {
+                dl = dr = positions[after] - positions[index];
+            } else {
+                dl = dr = width * 0.2f;
+            }
+            const float d = dl < dr ? dl : dr;
+            const float x = positions[index];
+            const float y = values[index];
+            kinds[index] = static_cast<Kind>(kind);
+            insertPoint(index + 1, MCP_RIGHT_HANDLE, x + 0.5f * d, y);
+            insertPoint(index, MCP_LEFT_HANDLE, x - 0.5f * d, y);
+            sort();
+        }
+    }
+    if (!isValid()) {
+        restore(before);
+        return 0;
+    }
+    rebuild();
+    return 1;
+}
+
+int MultiCurve::deletePoint(int index) {
+    if (index < 0 || index >= count() || isHandle(kinds[index])) return 0;
+    const Snapshot before = takeSnapshot();
+    if (isBezier(kinds[index])) {
+        const int l = leftHandle(index);
+        const int r = rightHandle(index);
+        if (r >= 0) removePoint(r);
+        removePoint(index);
+        if (l >= 0) removePoint(l);
+    } else {
+        removePoint(index);
+    }
+    if (!isValid()) {
+        restore(before);
+        return 0;
+    }
+    rebuild();
+    return 1;
+}
+
+int MultiCurve::deleteSelected() {
+    int deleted = 0;
+    int i = 0;
+    while (i < count()) {
+        if (!selected[i] || isHandle(kinds[i])) {
+            ++i;
+            continue;
+        }
+        const bool bezier = isBezier(kinds[i]);
+        if (!deletePoint(i)) {
+            ++i;
+            continue;
+        }
+        ++deleted;
+        // A Bezier key took points before it with it: walk again from the start.
+        if (bezier) i = 0;
+    }
+    return deleted;
+}
+
+}  // namespace vaporix
