@@ -1,0 +1,240 @@
+// Particle groups: expansion of each kind, ID order and lookup, grid velocity, frame accessors.
+#include "cache/PGroup.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "Fixtures.h"
+#include "TestSupport.h"
+#include "VxgBuilder.h"
+#include "cache/VaporixFrameData.h"
+
+using namespace vaporix;
+using namespace vaporix::test;
+
+namespace {
+
+void setCompressed(PGroup& g, int channel, int kind, const Bytes& bytes) {
+    ChannelData& cd = g.channelData[channel];
+    cd.kind = kind;
+    cd.expanded.free();
+    cd.compressed.resize(static_cast<long long>(bytes.size()));
+    std::memcpy(cd.compressed.data, bytes.data.data(), bytes.size());
+}
+
+void setIds(PGroup& g, const std::vector<int64_t>& ids) {
+    g.count = static_cast<int>(ids.size());
+    ASSERT_TRUE(g.setChannel(PRT_ID, ids.data(), ~uint64_t(0)));
+    g.buildIdOrder();
+}
+
+}  // namespace
+
+TEST(PGroup, ComponentKindInterleavesPerParticle) {
+    PGroup g;
+    g.count = 2;
+    // a0 a1 b0 b1 c0 c1 -> a0 b0 c0 a1 b1 c1
+    setCompressed(g, 0, PRT_KIND_SG_COMPONENTS, rawStream({1, 2, 3, 4, 5, 6}));
+    ASSERT_EQ(g.DecompressChannel(0, true), 1);
+    float p[3];
+    ASSERT_TRUE(g.GetValue(1, 0, p));
+    EXPECT_EQ(p[0], 2.0f);
+    EXPECT_EQ(p[1], 4.0f);
+    EXPECT_EQ(p[2], 6.0f);
+    EXPECT_EQ(g.channelData[0].compressed.count, 0);  // dropped on request
+}
+
+TEST(PGroup, BitPlanesAroundMultiplesOfThirtyTwo) {
+    for (int count : {1, 31, 32, 33, 64, 65}) {
+        PGroup g;
+        g.count = count;
+        std::vector<uint32_t> values;
+        for (int i = 0; i < count; ++i) {
+            values.push_back(0x9E3779B9u * static_cast<uint32_t>(i + 1));
+            values.push_back(static_cast<uint32_t>(i) << 20);
+        }
+        const auto planes = toBitPlanes(values, count, 2);
+        setCompressed(g, PRT_ID, PRT_KIND_BITPLANES, deflateBytes(planes.data(), planes.size() * 4));
+        ASSERT_EQ(g.DecompressChannel(PRT_ID, false), 1) << count;
+        ASSERT_EQ(g.channelData[PRT_ID].expanded.count, count * 8);
+        EXPECT_EQ(std::memcmp(g.channelData[PRT_ID].expanded.data, values.data(), values.size() * 4), 0)
+            << count;
+    }
+    // Count 33: particle 32 reads bit 0 of the second word of each plane.
+    PGroup g;
+    g.count = 33;
+    std::vector<uint32_t> planes(2 * 32, 0);
+    planes[1] = 1;           // plane 0 (bit 0), word 1
+    planes[2 * 5 + 1] = 1;   // plane 5 (bit 5), word 1
+    setCompressed(g, 2, PRT_KIND_BITPLANES, deflateBytes(planes.data(), planes.size() * 4));
+    ASSERT_EQ(g.DecompressChannel(2, false), 1);
+    uint32_t v;
+    ASSERT_TRUE(g.GetValue(32, 2, &v));
+    EXPECT_EQ(v, 0x21u);
+    ASSERT_TRUE(g.GetValue(0, 2, &v));
+    EXPECT_EQ(v, 0u);
+}
+
+TEST(PGroup, DamagedChannelsAreDroppedAndKindsChecked) {
+    PGroup g;
+    g.count = 4;
+    LogRecorder log;
+    setCompressed(g, 2, PRT_KIND_ZLIB, Bytes().raw("not zlib", 8));
+    EXPECT_EQ(g.DecompressChannel(2, false), 0);
+    EXPECT_FALSE(g.HasChannel(2));
+    setCompressed(g, 3, PRT_KIND_RAW, Bytes().f32(1).f32(2));  // 2 values for 4 particles
+    EXPECT_EQ(g.DecompressChannel(3, false), 0);
+    EXPECT_FALSE(g.HasChannel(3));
+    setCompressed(g, 5, 7, Bytes().f32(1));  // no such kind
+    EXPECT_EQ(g.DecompressChannel(5, false), 0);
+    EXPECT_EQ(g.DecompressChannel(9, false), 0);
+    EXPECT_TRUE(log.contains("PGroup::DecompressChannel failed: no compression data!"));
+    // A zlib stream that holds more than the particles is refused too.
+    std::vector<float> many(100, 1.0f);
+    setCompressed(g, 4, PRT_KIND_ZLIB, deflateBytes(many.data(), many.size() * 4));
+    EXPECT_EQ(g.DecompressChannel(4, false), 0);
+}
+
+TEST(PGroup, IdOrderAndFindById) {
+    PGroup g;
+    setIds(g, {5, 5, 7});
+    EXPECT_EQ(g.idOrder.count, 0);  // equal neighbours count as sorted
+    const int hit = g.FindById(5);
+    EXPECT_TRUE(hit == 0 || hit == 1);
+    EXPECT_EQ(g.FindById(7), 2);
+    EXPECT_EQ(g.FindById(6), -1);
+
+    setIds(g, {3, 1, 2});
+    ASSERT_EQ(g.idOrder.count, 3);
+    EXPECT_EQ(g.idOrder[0], 1u);
+    EXPECT_EQ(g.idOrder[1], 2u);
+    EXPECT_EQ(g.idOrder[2], 0u);
+    EXPECT_EQ(g.FindById(3), 0);
+    EXPECT_EQ(g.FindById(1), 1);
+
+    setIds(g, {-4});  // below the 0 the first ID is compared with
+    EXPECT_EQ(g.FindById(-4), 0);
+    setIds(g, {42});
+    EXPECT_EQ(g.FindById(42), 0);
+    EXPECT_EQ(g.FindById(41), -1);
+
+    // A long unsorted list takes the merge sort; IDs compare as signed 64-bit numbers.
+    std::vector<int64_t> ids;
+    for (int i = 0; i < 500; ++i) ids.push_back(((i * 7919) % 500 - 250) * (int64_t(1) << 40));
+    setIds(g, ids);
+    for (int i = 0; i < 500; i += 37) EXPECT_EQ(g.FindById(ids[static_cast<size_t>(i)]), i);
+    for (int k = 1; k < g.idOrder.count; ++k)
+        EXPECT_LE(g.idAt(g.idOrder[k - 1]), g.idAt(g.idOrder[k]));
+
+    PGroup empty;
+    EXPECT_EQ(empty.FindById(0), -1);
+}
+
+TEST(PGroup, VelocityFromTheGrid) {
+    VaporixFrameData frame;
+    frame.gridSize[0] = 2;
+    frame.gridSize[1] = frame.gridSize[2] = 1;
+    frame.channelMask = 0x70;
+    PGroup g;
+    g.frame = &frame;
+    g.flags = PGROUP_GRID_VELOCITY;
+    g.count = 1;
+    const float pos[3] = {5, 0, 0};  // beyond the grid: clamped
+    g.setChannel(PRT_POSITION, pos, ~uint64_t(0));
+    const float stored[3] = {9, 9, 9};
+    g.setChannel(PRT_VELOCITY, stored, ~uint64_t(0));
+    // Flags 0x30000: presence follows the grid's channel 4, values still come from the group.
+    frame.channelMask = 0;
+    EXPECT_FALSE(g.HasChannel(PRT_VELOCITY));
+    float v[3];
+    ASSERT_TRUE(g.GetValue(0, PRT_VELOCITY, v));
+    EXPECT_EQ(v[0], 9.0f);
+
+    frame.channelMask = 0x70;
+    g.channelData[PRT_VELOCITY].expanded.free();
+    EXPECT_FALSE(g.GetValue(0, PRT_VELOCITY, v));  // grid not expanded: no expansion here
+    const Bytes vx = rawStream({1, 3}), vy = rawStream({2, 4}), vz = rawStream({0, -1});
+    frame.appendStreamBlock(4, vx.data.data(), vx.size());
+    frame.appendStreamBlock(5, vy.data.data(), vy.size());
+    frame.appendStreamBlock(6, vz.data.data(), vz.size());
+    ASSERT_NE(frame.GetChannelData(4), nullptr);
+    frame.GetChannelData(5);
+    frame.GetChannelData(6);
+    ASSERT_TRUE(g.GetValue(0, PRT_VELOCITY, v));
+    EXPECT_EQ(v[0], 3.0f);
+    EXPECT_EQ(v[1], 4.0f);
+    EXPECT_EQ(v[2], -1.0f);
+}
+
+TEST(PGroup, ChannelsAndCopies) {
+    PGroup g;
+    g.count = 3;
+    EXPECT_EQ(g.GetCount(), 0);  // no positions yet
+    EXPECT_EQ(g.GetChannelStride(10), 8);
+    EXPECT_EQ(g.GetChannelStride(7), 0);
+    EXPECT_NE(g.allocChannel(0), nullptr);
+    EXPECT_EQ(g.GetCount(), 3);
+    g.allocChannel(7);
+    EXPECT_FALSE(g.HasChannel(7));
+    const float sizes[3] = {1, 2, 3};
+    EXPECT_FALSE(g.setChannel(2, sizes, 8));
+    EXPECT_TRUE(g.setChannel(2, sizes, 12));
+    EXPECT_EQ(*static_cast<float*>(g.getChannelPointer(2, 2)), 3.0f);
+    EXPECT_EQ(g.getChannelPointer(3, 2), nullptr);
+    EXPECT_EQ(g.getChannelPointer(0, 4), nullptr);
+    g.name = "Foam";
+    PGroup copy(g);
+    g.channelData[2].expanded.data[0] = 0;
+    float s;
+    ASSERT_TRUE(copy.GetValue(0, 2, &s));
+    EXPECT_EQ(s, 1.0f);
+    EXPECT_EQ(copy.idOrder.group, &copy);
+    EXPECT_STREQ(copy.GetName(), "Foam");
+}
+
+TEST(VaporixFrameData, ParticleAccessorsWalkAllGroups) {
+    VaporixFrameData frame;
+    frame.groups.resize(3);
+    const float pos[6] = {1, 2, 3, 4, 5, 6};
+    frame.groups[0].name = "Empty";
+    frame.groups[1].name = "A";
+    frame.groups[1].count = 2;
+    frame.groups[1].setChannel(PRT_POSITION, pos, ~uint64_t(0));
+    frame.groups[2].name = "B";
+    frame.groups[2].count = 1;
+    frame.groups[2].setChannel(PRT_POSITION, pos, ~uint64_t(0));
+    const float vel[3] = {1, 0, 0};
+    frame.groups[2].setChannel(PRT_VELOCITY, vel, ~uint64_t(0));
+    const float size = 2.0f;
+    frame.groups[2].setChannel(PRT_SIZE, &size, ~uint64_t(0));
+    int group = -1, index = 2;
+    ASSERT_TRUE(frame.resolveParticle(group, index));
+    EXPECT_EQ(group, 2);
+    EXPECT_EQ(index, 0);
+    group = -1;
+    index = 3;
+    EXPECT_FALSE(frame.resolveParticle(group, index));
+    float out[3];
+    GridTransform tm;
+    tm.m[9] = 10;
+    tm.m[0] = 2;
+    EXPECT_EQ(frame.getParticlePosition(-1, 1, out, &tm), 1);
+    EXPECT_EQ(out[0], 18.0f);
+    frame.velocityScale = 3;
+    EXPECT_NE(frame.getParticleVelocity(-1, 2, out, &tm), nullptr);
+    EXPECT_EQ(out[0], 6.0f);  // no offset for vectors
+    EXPECT_EQ(frame.getParticleVelocity(1, 0, out, nullptr), nullptr);
+    EXPECT_EQ(frame.getParticleSize(-1, 2, 0.5f), 1.0f);
+    EXPECT_EQ(frame.getParticleSize(1, 0, 0.5f), 0.1f);
+    EXPECT_EQ(frame.getParticleAge(1, 0), 0.0f);
+    EXPECT_EQ(frame.getParticleId(1, 0), 0);
+    EXPECT_EQ(frame.getGroupCount(1), 2);
+    EXPECT_EQ(frame.getGroupCount(5), 0);
+    EXPECT_EQ(frame.GetParticleGroupCount(), 2);
+    // Counts through the non-empty groups, then hands out that entry of the whole list.
+    EXPECT_EQ(frame.GetParticleGroup(0), &frame.groups[0]);
+    EXPECT_EQ(frame.GetParticleGroup(2), nullptr);
+    EXPECT_EQ(frame.FindParticleGroup("B"), &frame.groups[2]);
+    EXPECT_EQ(frame.FindParticleGroup("C"), nullptr);
+}

@@ -1,0 +1,261 @@
+// Frame data: lazy expansion, derived channels, ranges, boxes, info text and the shared list.
+#include "cache/VaporixFrameData.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "TestSupport.h"
+#include "VxgBuilder.h"
+#include "cache/zlibutil.h"
+
+using namespace vaporix;
+using namespace vaporix::test;
+
+namespace {
+
+/// A frame of the given size whose channels come from raw streams.
+struct TestFrame : VaporixFrameData {
+    TestFrame(int x, int y, int z) {
+        gridSize[0] = x;
+        gridSize[1] = y;
+        gridSize[2] = z;
+    }
+    void addRaw(int channel, const std::vector<float>& values) {
+        const Bytes s = rawStream(values);
+        ASSERT_TRUE(appendStreamBlock(channel, s.data.data(), s.size()));
+        channelMask |= 1u << channel;
+    }
+};
+
+std::vector<float> iota(int n, float scale = 1.0f) {
+    std::vector<float> v(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) v[static_cast<size_t>(i)] = static_cast<float>(i) * scale;
+    return v;
+}
+
+}  // namespace
+
+TEST(VaporixFrameData, SingleCellChannelAndOutOfRangeOrdinals) {
+    TestFrame f(1, 1, 1);
+    f.addRaw(1, {4.5f});
+    const float* d = f.GetChannelData(1);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d[0], 4.5f);
+    float lo, hi;
+    ASSERT_TRUE(f.getChannelRange(1, lo, hi));
+    EXPECT_EQ(lo, hi);
+    EXPECT_EQ(f.GetChannelData(32), nullptr);
+    EXPECT_EQ(f.GetChannelData(-1), nullptr);
+    EXPECT_FALSE(f.getChannelRange(32, lo, hi));
+    EXPECT_FALSE(f.HasChannel(2));
+    EXPECT_EQ(f.GetChannelData(2), nullptr);
+}
+
+TEST(VaporixFrameData, PackedRgbExpandsIntoThreeChannels) {
+    TestFrame f(2, 1, 1);
+    const uint8_t cells[8] = {10, 20, 30, 0, 255, 128, 0, 0};
+    iArray<uint8_t, long long> z;
+    ASSERT_TRUE(deflateInto(cells, sizeof cells, z));
+    Bytes payload;
+    payload.u64(static_cast<uint64_t>(z.count)).raw(z.data, static_cast<size_t>(z.count));
+    ASSERT_TRUE(f.appendStreamBlock(18, payload.data.data(), payload.size()));
+    f.channelMask = 1u << 18;
+    EXPECT_FALSE(f.HasChannel(18));
+    EXPECT_TRUE(f.HasChannel(7));
+    EXPECT_TRUE(f.HasChannel(9));
+    const float* green = f.GetChannelData(8);
+    ASSERT_NE(green, nullptr);
+    EXPECT_FLOAT_EQ(green[0], static_cast<float>(20 / 255.0));
+    EXPECT_FLOAT_EQ(green[1], static_cast<float>(128 / 255.0));
+    EXPECT_FLOAT_EQ(f.channels[7][0], static_cast<float>(30 / 255.0));  // byte 2 is red
+    EXPECT_FLOAT_EQ(f.channels[9][1], static_cast<float>(255 / 255.0));  // byte 0 is blue
+    EXPECT_EQ(f.channels[18], nullptr);  // the packed array is gone
+}
+
+TEST(VaporixFrameData, SpeedIsDerivedFromVelocity) {
+    TestFrame f(2, 1, 1);
+    f.addRaw(4, {3, 0});
+    f.addRaw(5, {4, 0});
+    EXPECT_FALSE(f.HasChannel(3));
+    EXPECT_EQ(f.GetChannelData(3), nullptr);
+    f.addRaw(6, {0, -2});
+    EXPECT_TRUE(f.HasChannel(3));
+    const float* speed = f.GetChannelData(3);
+    ASSERT_NE(speed, nullptr);
+    EXPECT_EQ(speed[0], 5.0f);
+    EXPECT_EQ(speed[1], 2.0f);
+}
+
+TEST(VaporixFrameData, ZeroLengthBlockEndsTheSearch) {
+    TestFrame f(2, 1, 1);
+    f.addRaw(1, {1, 2});
+    Bytes broken;
+    broken.i32(2).i32(0);  // length word 0
+    Bytes after = streamBlock(3, rawStream({5, 6}));
+    std::vector<int32_t> words(static_cast<size_t>(f.comprDataSzInts));
+    std::memcpy(words.data(), f.comprData, words.size() * 4);
+    Bytes all;
+    all.raw(words.data(), words.size() * 4).raw(broken).raw(after);
+    internal::arrayRelease(f.comprData);
+    f.comprData = static_cast<int32_t*>(internal::arrayAllocate(all.size()));
+    std::memcpy(f.comprData, all.data.data(), all.size());
+    f.comprDataSzInts = static_cast<int32_t>(all.size() / 4);
+    f.channelMask |= (1u << 3);
+    EXPECT_NE(f.GetChannelData(1), nullptr);
+    EXPECT_EQ(f.GetChannelData(3), nullptr);
+}
+
+TEST(VaporixFrameData, DamagedChannelFailsEachTimeAndOthersStayUsable) {
+    TestFrame f(2, 2, 1);
+    f.addRaw(1, {1, 2, 3, 4});
+    f.addRaw(2, {1, 2, 3});  // a stream of 3 values for 4 cells
+    LogRecorder log;
+    EXPECT_EQ(f.GetChannelData(2), nullptr);
+    EXPECT_EQ(f.GetChannelData(2), nullptr);
+    EXPECT_EQ(log.text(), "Invalid cache file!!!\nInvalid cache file!!!\n");
+    EXPECT_TRUE(f.HasChannel(2));
+    EXPECT_NE(f.GetChannelData(1), nullptr);
+}
+
+TEST(VaporixFrameData, RangesAreCachedAndInfoTextLists) {
+    TestFrame f(10, 10, 10);
+    f.addRaw(1, iota(1000, 2.0f));
+    f.addRaw(2, iota(1000, 0.001f));
+    f.addRaw(4, iota(1000));
+    f.addRaw(5, iota(1000));
+    f.addRaw(6, iota(1000));
+    f.addRaw(10, iota(1000, -1.0f));
+    float lo, hi;
+    ASSERT_TRUE(f.getChannelRange(1, lo, hi));
+    EXPECT_EQ(lo, 0.0f);
+    EXPECT_EQ(hi, 1998.0f);
+    std::pair<float, float> me;
+    ASSERT_TRUE(f.getChannelRange(10, me));
+    EXPECT_EQ(me.first, -999.0f);
+    EXPECT_EQ(me.second, 999.0f);
+    std::string text;
+    f.getInfoText(text, "\n", "> ");
+    EXPECT_EQ(text,
+              "[GRID: 1 000 cells, 10x10x10]\n"
+              "> Liquid/Temperature (0.00 : 1998.00)\n"
+              "> Smoke (0.00 : 1.00)\n"
+              "> Velocity (0.00 : 1730.32)\n"
+              "> Fuel (-999.00 : -0.00)");
+    TestFrame g(1000, 1000, 1);
+    g.getInfoText(text, "|", "");
+    EXPECT_EQ(text, "[GRID: 1 000 000 cells, 1000x1000x1]");
+}
+
+TEST(VaporixFrameData, WorldBoxUsesTheInverseTransform) {
+    TestFrame f(4, 2, 2);
+    // World to grid: scale by 2 and shift by (1, 1, 1).
+    const float tm[12] = {2, 0, 0, 0, 2, 0, 0, 0, 2, 1, 1, 1};
+    std::memcpy(f.gridTransform.m, tm, sizeof tm);
+    float box[6];
+    f.getWorldBox(box, false);
+    EXPECT_FLOAT_EQ(box[0], -0.5f);
+    EXPECT_FLOAT_EQ(box[3], 1.5f);
+    EXPECT_FLOAT_EQ(box[5], 0.5f);
+    const float particles[6] = {-3, 0, 0, 1, 1, 9};
+    std::memcpy(f.particleBox, particles, sizeof particles);
+    f.getWorldBox(box, true);
+    EXPECT_FLOAT_EQ(box[0], -2.0f);
+    EXPECT_FLOAT_EQ(box[5], 4.0f);
+    // A singular transform has no world box.
+    f.gridTransform = GridTransform::zero();
+    f.getWorldBox(box, false);
+    EXPECT_EQ(box[0], 1e20f);
+    EXPECT_EQ(box[3], -1e20f);
+}
+
+TEST(VaporixFrameData, AxisSwapTwiceIsTheIdentityAndInitEmpty) {
+    VaporixFrameData f;
+    const float size[3] = {10, 20, 30};
+    ASSERT_TRUE(f.initEmpty(size, 0.5f, false));
+    EXPECT_EQ(f.gridTransform.m[0], 2.0f);
+    EXPECT_EQ(f.gridTransform.m[9], 5.0f);
+    EXPECT_EQ(f.gridTransform.m[11], 0.0f);
+    f.gridTransform.m[3] = 7;
+    f.gridTransform.m[7] = -3;
+    const GridTransform before = f.gridTransform;
+    f.toggleAxisSwap();
+    EXPECT_EQ(f.gridTransform.m[6], 7.0f);   // row 2 takes the old row 1
+    EXPECT_EQ(f.gridTransform.m[4], 3.0f);   // row 1 takes the negated old row 2
+    f.toggleAxisSwap();
+    EXPECT_TRUE(f.gridTransform == before);
+    EXPECT_EQ(f.axesSwapped, 0);
+
+    ASSERT_TRUE(f.initEmpty(size, 0, true));
+    EXPECT_EQ(f.gridTransform.m[8], 30.0f);
+    EXPECT_EQ(f.gridTransform.m[11], 15.0f);
+    const float zero[3] = {0, 0, 0};
+    EXPECT_FALSE(f.initEmpty(zero, 1, false));
+    EXPECT_EQ(f.getCellCount(), 0);
+    const float ten[3] = {10, 10, 10};
+    EXPECT_FALSE(f.initEmpty(ten, 0.0005f, false));
+    EXPECT_EQ(f.comprData, nullptr);
+}
+
+TEST(SampleChannels, InsideClampedAndWeighted) {
+    const int size[3] = {2, 2, 2};
+    std::vector<float> a = iota(8), w(8, 0.0f);
+    w[1] = 1.0f;  // only cell (1,0,0) has weight
+    float* ch[16] = {};
+    ch[0] = a.data();
+    ch[1] = w.data();
+    ch[2] = a.data();
+    float out[16] = {};
+    const float centre[3] = {0.5f, 0.5f, 0.5f};
+    SampleChannels(ch, size, centre, out, 0x3, 0, 0);
+    EXPECT_FLOAT_EQ(out[0], 3.5f);
+    // Outside: clamped to the far corner.
+    const float far[3] = {5, 7, 9};
+    SampleChannels(ch, size, far, out, 0x1, 0, 0);
+    EXPECT_FLOAT_EQ(out[0], 7.0f);
+    const float nan[3] = {NAN, -1, 0};
+    SampleChannels(ch, size, nan, out, 0x1, 0, 0);
+    EXPECT_FLOAT_EQ(out[0], 0.0f);
+    // Weighted by channel 1: channel 2 reads only the weighted cell.
+    SampleChannels(ch, size, centre, out, 0x3, 0x4, 1);
+    EXPECT_FLOAT_EQ(out[2], 1.0f);
+    // No weight near the sample: weighted channels get 0.
+    std::fill(w.begin(), w.end(), 0.0f);
+    out[2] = 99;
+    SampleChannels(ch, size, centre, out, 0x3, 0x4, 1);
+    EXPECT_EQ(out[2], 0.0f);
+}
+
+TEST(FrameDataArray, SharesByNameAndChannelMap) {
+    TempDir dir;
+    const std::string path = dir.file("shared.vxg");
+    {
+        TestFrame f(2, 1, 1);
+        f.addRaw(1, {1, 2});
+        ASSERT_EQ(f.WriteVxg(path.c_str(), f.channelMask), 0);
+    }
+    FrameDataArray& list = frameDataArray();
+    const int before = list.count;
+    VaporixFrameData* a = nullptr;
+    VaporixFrameData* b = nullptr;
+    VaporixFrameData* c = nullptr;
+    ASSERT_EQ(acquireShared(a, 1, path.c_str(), "", true, true, true), 0);
+    ASSERT_EQ(acquireShared(b, 1, path.c_str(), "", true, true, true), 0);
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(a->refCount, 2);
+    EXPECT_EQ(list.count, before + 1);
+    ASSERT_EQ(acquireShared(c, 1, path.c_str(), "other", true, true, true), 0);
+    EXPECT_NE(c, a);
+    EXPECT_EQ(list.count, before + 2);
+    // A missing file releases the old frame and leaves the slot empty.
+    EXPECT_EQ(acquireShared(c, 1, dir.file("none.vxg").c_str(), "other", true, true, true), 3);
+    EXPECT_EQ(c, nullptr);
+    EXPECT_EQ(list.count, before + 1);
+    VaporixFrameData byValue;
+    releaseFrame(&byValue);  // not in the list: ignored
+    releaseFrame(a);
+    EXPECT_EQ(b->refCount, 1);
+    releaseFrame(b);
+    EXPECT_EQ(list.count, before);
+}

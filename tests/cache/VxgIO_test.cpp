@@ -1,0 +1,364 @@
+// The .vxg reader over every generation, the writer's round trip, and damaged files.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "Fixtures.h"
+#include "TestSupport.h"
+#include "VxgBuilder.h"
+#include "cache/VaporixFrameData.h"
+
+using namespace vaporix;
+using namespace vaporix::test;
+
+namespace {
+
+int readFile(VaporixFrameData& f, const std::string& path, bool headerOnly = false) {
+    return headerOnly ? f.importHeader(path.c_str(), "")
+                      : f.importFile(path.c_str(), "", 0, true, false, false);
+}
+
+void expectSmallGrid(VaporixFrameData& f) {
+    EXPECT_EQ(f.gridSize[0], 2);
+    EXPECT_EQ(f.gridSize[2], 2);
+    EXPECT_EQ(f.gridTransform.m[0], 2.0f);
+    EXPECT_EQ(f.gridTransform.m[11], 1.0f);
+    const float* ramp = f.GetChannelData(1);
+    ASSERT_NE(ramp, nullptr);
+    EXPECT_EQ(ramp[7], 7.0f);
+    const float* smoke = f.GetChannelData(2);
+    ASSERT_NE(smoke, nullptr);
+    EXPECT_EQ(smoke[3], 0.5f);
+}
+
+std::string writeTemp(const TempDir& dir, const std::string& name, const std::vector<uint8_t>& b) {
+    const std::string path = dir.file(name);
+    writeBytes(path, b);
+    return path;
+}
+
+}  // namespace
+
+TEST(VxgFixtures, CommittedFilesMatchTheirGenerator) {
+    TempDir dir;
+    for (const auto& name : fixtureNames()) {
+        ASSERT_TRUE(writeFixture(name, dir.file(name))) << name;
+        EXPECT_EQ(readBytes(dir.file(name)), readBytes(testDataPath(name)))
+            << name << " differs from tests/data: regenerate with vaporix_make_fixtures";
+    }
+}
+
+TEST(VxgFixtures, OldestGenerationWithRawParticles) {
+    VaporixFrameData f;
+    ASSERT_EQ(readFile(f, testDataPath("gen0_raw_particles.vxg")), 0);
+    EXPECT_EQ(vxgFileVersion(testDataPath("gen0_raw_particles.vxg").c_str()), 0);
+    expectSmallGrid(f);
+    EXPECT_EQ(f.frameNumber, 7);
+    EXPECT_EQ(f.timeStep, 1.0f / 24.0f);
+    EXPECT_EQ(f.simTime(), 3.0);
+    EXPECT_EQ(f.simInt(), 11);
+    EXPECT_EQ(f.simFloat, 0.25f);
+    ASSERT_EQ(f.groups.count, 1);
+    PGroup& g = f.groups[0];
+    EXPECT_EQ(g.name, "Liquid");
+    EXPECT_EQ(g.count, 3);
+    EXPECT_EQ(g.flags, 5);
+    EXPECT_EQ(std::memcmp(g.reserved8, "ABCDEFGH", 8), 0);
+    EXPECT_EQ(g.channelBits, 0x5u);
+    float p[3];
+    ASSERT_TRUE(g.GetValue(2, 0, p));
+    EXPECT_EQ(p[1], 4.25f);
+    float s;
+    ASSERT_TRUE(g.GetValue(1, 2, &s));
+    EXPECT_EQ(s, 0.2f);
+    // Without a summary the box comes from the particles themselves.
+    EXPECT_EQ(f.particleBox[0], 0.5f);
+    EXPECT_EQ(f.particleBox[5], 6.125f);
+}
+
+TEST(VxgFixtures, OldestGenerationWithCodedParticles) {
+    VaporixFrameData f;
+    ASSERT_EQ(readFile(f, testDataPath("gen0_coded_particles.vxg")), 0);
+    expectSmallGrid(f);
+    ASSERT_EQ(f.groups.count, 1);
+    float p[3];
+    ASSERT_TRUE(f.groups[0].GetValue(1, 0, p));
+    EXPECT_EQ(p[0], 1.5f);
+    EXPECT_EQ(p[2], 3.125f);
+    EXPECT_TRUE(f.groups[0].HasChannel(2));
+}
+
+TEST(VxgFixtures, VersionTwoTakesTheSummaryThenTheTags) {
+    VaporixFrameData f;
+    const std::string path = testDataPath("gen2_summary.vxg");
+    ASSERT_EQ(readFile(f, path), 0);
+    EXPECT_EQ(vxgFileVersion(path.c_str()), 2);
+    expectSmallGrid(f);
+    EXPECT_EQ(f.particleBox[3], 2.5f);
+    ASSERT_EQ(f.groups.count, 1);
+    EXPECT_EQ(f.groups[0].GetCount(), 3);
+    // A header read of such a file keeps the summary's groups and skips the pool.
+    VaporixFrameData h;
+    ASSERT_EQ(readFile(h, path, true), 0);
+    ASSERT_EQ(h.groups.count, 1);
+    EXPECT_EQ(h.getGroupCount(0), 3);
+    EXPECT_EQ(h.groups[0].GetCount(), 0);
+}
+
+TEST(VxgFixtures, VersionThreeHasThirtyTwoBitChunkSizes) {
+    VaporixFrameData f;
+    const std::string path = testDataPath("gen3_chunks32.vxg");
+    ASSERT_EQ(readFile(f, path), 0);
+    expectSmallGrid(f);
+    EXPECT_EQ(f.comment, "version three");
+    ASSERT_EQ(f.groups.count, 1);
+    PGroup& g = f.groups[0];
+    EXPECT_EQ(g.name, "Mist");
+    EXPECT_EQ(g.channelBits, 0x5u);
+    float s;
+    ASSERT_TRUE(g.GetValue(1, 2, &s));
+    EXPECT_EQ(s, 0.75f);
+}
+
+TEST(VxgFixtures, WriterFileHoldsEveryForm) {
+    VaporixFrameData f;
+    const std::string path = testDataPath("gen4_writer.vxg");
+    ASSERT_EQ(readFile(f, path), 0);
+    EXPECT_EQ(vxgFileVersion(path.c_str()), 4);
+    EXPECT_EQ(f.frameNumber, 12);
+    EXPECT_EQ(f.simTime(), 1.5);
+    EXPECT_EQ(f.simTime2(), 2.5);
+    EXPECT_EQ(f.simInt(), 77);
+    EXPECT_EQ(f.simFloat, 0.125f);
+    EXPECT_EQ(f.auxTransform1.m[11], 11.0f);
+    EXPECT_EQ(f.comment, "written by vaporix");
+    const float* red = f.GetChannelData(7);
+    ASSERT_NE(red, nullptr);
+    EXPECT_FLOAT_EQ(red[1], static_cast<float>(((1 * 4 + 2) * 5) / 255.0));
+    ASSERT_EQ(f.groups.count, 1);
+    PGroup& g = f.groups[0];
+    EXPECT_EQ(g.count, 33);
+    float v[3];
+    ASSERT_TRUE(g.GetValue(32, 1, v));
+    EXPECT_EQ(v[0], 32.0f);
+    EXPECT_EQ(v[2], 232.0f);
+    float a;
+    ASSERT_TRUE(g.GetValue(30, 3, &a));
+    EXPECT_FLOAT_EQ(a, 3.0f);
+    const auto ids = fixture::ids(33);
+    int64_t id;
+    ASSERT_TRUE(g.GetValue(32, 10, &id));
+    EXPECT_EQ(id, ids[32]);
+    EXPECT_EQ(g.FindById(ids[3]), 3);
+    EXPECT_EQ(g.FindById(ids[4]), 4);
+    EXPECT_EQ(g.FindById(999), -1);
+}
+
+TEST(VxgIO, RoundTripKeepsTheStreamByteForByte) {
+    TempDir dir;
+    VaporixFrameData f;
+    ASSERT_EQ(readFile(f, testDataPath("gen4_writer.vxg")), 0);
+    VaporixFrameData g;
+    ASSERT_EQ(g.importFile(testDataPath("gen4_writer.vxg").c_str(), "", 0, true, false, false), 0);
+    // Re-reading with the compressed particle bytes kept writes the same file again.
+    VaporixFrameData keep;
+    ASSERT_EQ(keep.ImportVxg(testDataPath("gen4_writer.vxg").c_str(), true, false, false), 0);
+    const std::string copy = dir.file("copy.vxg");
+    ASSERT_EQ(keep.WriteVxg(copy.c_str(), keep.channelMask), 0);
+    EXPECT_EQ(readBytes(copy), readBytes(testDataPath("gen4_writer.vxg")));
+    VaporixFrameData back;
+    ASSERT_EQ(readFile(back, copy), 0);
+    ASSERT_EQ(back.comprDataSzInts, f.comprDataSzInts);
+    EXPECT_EQ(std::memcmp(back.comprData, f.comprData, size_t(f.comprDataSzInts) * 4), 0);
+}
+
+TEST(VxgIO, WriterCreatesFoldersAndNeverLeavesAHalfFile) {
+    TempDir dir;
+    VaporixFrameData f;
+    ASSERT_EQ(readFile(f, testDataPath("gen3_chunks32.vxg")), 0);
+    const std::string nested = dir.file("a/b/frame.vxg");
+    EXPECT_EQ(f.SaveFrame(nested.c_str(), f.channelMask), 0);
+    VaporixFrameData back;
+    EXPECT_EQ(readFile(back, nested), 0);
+    // A target that can't be written leaves nothing behind.
+    const std::string blocked = dir.file("file.vxg/frame.vxg");
+    writeBytes(dir.file("file.vxg"), {1, 2, 3});
+    EXPECT_EQ(f.WriteVxg(blocked.c_str(), 0), 10);
+    EXPECT_EQ(readBytes(dir.file("file.vxg")), (std::vector<uint8_t>{1, 2, 3}));
+}
+
+TEST(VxgIO, HeaderOnlyReadTouchesOnlyTheEndAndSmallTags) {
+    TempDir dir;
+    VaporixFrameData f;
+    f.gridSize[0] = f.gridSize[1] = f.gridSize[2] = 64;
+    std::vector<float> big(64 * 64 * 64, 1.25f);
+    const Bytes s = rawStream(big);
+    ASSERT_TRUE(f.appendStreamBlock(1, s.data.data(), s.size()));
+    f.channelMask = 2;
+    f.groups.resize(1);
+    f.groups[0].name = "Foam";
+    f.groups[0].count = 100000;
+    std::vector<float> pos(300000, 1.0f);
+    f.groups[0].channelData[0].compressed.resize(1200000);
+    std::memcpy(f.groups[0].channelData[0].compressed.data, pos.data(), 1200000);
+    const std::string path = dir.file("big.vxg");
+    ASSERT_EQ(f.WriteVxg(path.c_str(), f.channelMask), 0);
+
+    VaporixFrameData h;
+    ASSERT_EQ(readFile(h, path, true), 0);
+    EXPECT_LT(lastImportBytesRead(), 1024u);
+    EXPECT_EQ(h.gridSize[1], 64);
+    EXPECT_EQ(h.comprDataSzInts, 1);
+    EXPECT_EQ(h.frameFlags & FRAME_HEADER_ONLY, FRAME_HEADER_ONLY);
+    ASSERT_EQ(h.groups.count, 1);
+    EXPECT_EQ(h.groups[0].name, "Foam");
+    EXPECT_EQ(h.getGroupCount(0), 100000);
+    EXPECT_EQ(h.groups[0].channelData[0].expanded.count, 0);
+    EXPECT_EQ(h.GetChannelData(1), nullptr);
+}
+
+TEST(VxgIO, SimRecordLengths) {
+    TempDir dir;
+    for (int n : {392, 100, 500}) {
+        VxgBuilder b(0);
+        b.simRecord(n, 0xAB).frame(42).tag(0);
+        VaporixFrameData f;
+        ASSERT_EQ(readFile(f, writeTemp(dir, "rec.vxg", b.build())), 0) << n;
+        EXPECT_EQ(f.frameNumber, 42) << n;  // the tag behind the record is read correctly
+        EXPECT_EQ(f.simRecord[std::min(n, 392) - 1], 0xAB);
+        if (n < 392) {
+            EXPECT_EQ(f.simRecord[n], 0);
+        }
+    }
+}
+
+TEST(VxgIO, TagAboveThirteenEndsTheSection) {
+    TempDir dir;
+    VxgBuilder b(0);
+    b.frame(5).tag(14).frame(6);
+    VaporixFrameData f;
+    ASSERT_EQ(readFile(f, writeTemp(dir, "t.vxg", b.build())), 0);
+    EXPECT_EQ(f.frameNumber, 5);
+}
+
+TEST(VxgIO, BrokenFilesGiveStatusAndTheirLogLine) {
+    TempDir dir;
+    struct Case {
+        const char* what;
+        std::vector<uint8_t> bytes;
+        int status;
+        const char* log;
+    };
+    std::vector<Case> cases;
+    cases.push_back({"shorter than 8 bytes", {'V', 'X', 'G'}, 4, "Failed while seeking to vxgr2 magic!\n"});
+    {
+        VxgBuilder b(0);
+        b.tag(0);
+        auto bytes = b.build();
+        bytes[0] = 'X';
+        cases.push_back({"wrong magic", bytes, 4, "no hdr\n"});
+    }
+    {
+        VxgBuilder b(0);
+        b.tags().i32(3).i32(1).i32(1).i32(1).i32(-1);
+        b.tag(0);
+        cases.push_back({"negative stream length", b.build(), 4,
+                         "VaporixFrameData::ImportVxg bad comprDataSzInts!"});
+    }
+    {
+        VxgBuilder b(0);
+        b.tags().i32(3).i32(1).i32(1).i32(1).i32(1000);
+        cases.push_back({"stream longer than the file", b.build(), 4, "x41\n"});
+    }
+    {
+        VxgBuilder b(0);
+        b.tags().i32(7).i32(0).i32(1).str("G").i32(0).zeros(128).i32(9);
+        cases.push_back({"unknown sub-tag", b.build(), 4, "19\n"});
+    }
+    {
+        VxgBuilder b(0);
+        b.tags().i32(12).i32(-5);
+        cases.push_back({"negative record length", b.build(), 4, "12\n"});
+    }
+    {
+        VxgBuilder b(0);
+        b.tags().i32(4);
+        cases.push_back({"tag body cut off", b.build(), 4, "4\n"});
+    }
+    {
+        VxgBuilder b(4);
+        Bytes body;
+        body.i32(1 << 30);  // a group count far beyond the chunk
+        b.chunk(1000, body).tag(0);
+        cases.push_back({"group count beyond the file", b.build(), 4, "Failed reading chunk size!\n"});
+    }
+    {
+        VxgBuilder b(4);
+        b.tag(0);
+        auto bytes = b.build();
+        const uint64_t wild = 1ull << 40;
+        std::memcpy(bytes.data() + bytes.size() - 20, &wild, 8);
+        cases.push_back({"marker offset beyond the file", bytes, 4, "Failed seeking to marker chunk!\n"});
+    }
+    {
+        VxgBuilder b(4);
+        b.tag(0);
+        auto bytes = b.build();
+        // The chunk loop runs into the trailer: no end id before the file ends.
+        bytes.erase(bytes.end() - 24, bytes.end() - 20);
+        cases.push_back({"no end chunk", bytes, 4, "Failed reading chunk"});
+    }
+    {
+        VxgBuilder b(3);
+        b.tag(0);
+        auto bytes = b.build();
+        const int32_t negative = -8;
+        std::memcpy(bytes.data() + bytes.size() - 16, &negative, 4);
+        cases.push_back({"negative 32-bit offset", bytes, 3, ""});
+    }
+    for (const auto& c : cases) {
+        LogRecorder log;
+        VaporixFrameData f;
+        EXPECT_EQ(readFile(f, writeTemp(dir, "broken.vxg", c.bytes)), c.status) << c.what;
+        EXPECT_TRUE(log.contains(c.log)) << c.what << ": " << log.text();
+        if (c.status == 4) {
+            EXPECT_TRUE(log.contains("VaporixFrameData::ImportVxg broken or bad memory allocation. File is: "))
+                << c.what;
+            EXPECT_EQ(f.comprData, nullptr);
+            EXPECT_TRUE(f.sourcePath.empty());
+        }
+    }
+}
+
+TEST(VxgIO, EveryTruncationAndByteFlipReadsSafely) {
+    TempDir dir;
+    for (const auto& name : fixtureNames()) {
+        const auto good = readBytes(testDataPath(name));
+        for (size_t n = 0; n < good.size(); ++n) {
+            std::vector<uint8_t> cut(good.begin(), good.begin() + static_cast<long>(n));
+            VaporixFrameData f;
+            const int status = readFile(f, writeTemp(dir, "cut.vxg", cut));
+            EXPECT_TRUE(status == 0 || status == 3 || status == 4) << name << " cut at " << n;
+            if (status == 0)
+                for (int c = 0; c < 32; ++c) f.GetChannelData(c);
+        }
+        for (size_t i = 0; i < good.size(); i += 3) {
+            auto flipped = good;
+            flipped[i] ^= 0xA5;
+            VaporixFrameData f;
+            if (readFile(f, writeTemp(dir, "flip.vxg", flipped)) == 0)
+                for (int c = 0; c < 32; ++c) f.GetChannelData(c);
+        }
+    }
+}
+
+TEST(VxgIO, MissingPathsAndExtensions) {
+    VaporixFrameData f;
+    EXPECT_EQ(f.importFile(nullptr, "", 0, true, false, false), 3);
+    EXPECT_EQ(f.importFile("", "", 0, true, false, false), 3);
+    EXPECT_EQ(f.importFile("/no/such/file.vxg", "", 0, true, false, false), 3);
+    EXPECT_EQ(f.importFile("/no/such/file.txt", "", 0, true, false, false), 3);
+    TempDir dir;
+    EXPECT_EQ(f.importFile(dir.path().c_str(), "", 0, true, false, false), 3);
+    EXPECT_EQ(f.ImportVxg(dir.path().c_str(), false, false, true), 3);  // a folder, no retries
+}
