@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "cache/ParticleJobs.h"
 #include "cache/SGCompressor.h"
 #include "cache/VaporixFrameData.h"
 #include "cache/limits.h"
@@ -173,24 +174,77 @@ int64_t PGroup::idAt(uint32_t index) const {
 
 namespace {
 
-/// Gathers bit planes: bit b of component k of particle i is bit (i mod 32) of word
-/// (i / 32) + (k * 32 + b) * w of the planes.
-void gatherBitPlanes(const uint32_t* planes, int64_t count, int components, uint32_t* out) {
+/// The inverse of the gather of MTPrtIn.
+void scatterBitPlanes(const uint32_t* values, int64_t count, int components, uint32_t* planes) {
     const int64_t w = (count + 31) / 32;
+    std::memset(planes, 0, static_cast<size_t>(w * components * 32) * 4);
     for (int64_t i = 0; i < count; ++i) {
         const uint32_t bit = 1u << (i & 31);
         const int64_t word = i >> 5;
         for (int k = 0; k < components; ++k) {
-            uint32_t v = 0;
-            const uint32_t* plane = planes + word + int64_t(k) * 32 * w;
+            const uint32_t v = values[i * components + k];
+            uint32_t* plane = planes + word + int64_t(k) * 32 * w;
             for (int b = 0; b < 32; ++b)
-                if (plane[int64_t(b) * w] & bit) v |= 1u << b;
-            out[i * components + k] = v;
+                if ((v >> b) & 1u) plane[int64_t(b) * w] |= bit;
         }
     }
 }
 
 }  // namespace
+
+bool PGroup::CompressChannel(int channel, int kind) {
+    if (channel < 0 || channel >= PRT_CHANNELS || count < 0) return false;
+    ChannelData& cd = channelData[channel];
+    const int components = prtComponentCount(channel);
+    const int64_t values = int64_t(count) * components;
+    if (components == 0 || cd.expanded.count != values * 4) return false;
+    const uint8_t* src = cd.expanded.data;
+    bool ok = false;
+    switch (kind) {
+        case PRT_KIND_RAW:
+            ok = cd.compressed.resize(values * 4, nullptr, true);
+            if (ok && values) std::memcpy(cd.compressed.data, src, static_cast<size_t>(values) * 4);
+            break;
+        case PRT_KIND_ZLIB:
+            ok = deflateInto(src, static_cast<uint64_t>(values) * 4, cd.compressed);
+            break;
+        case PRT_KIND_SG:
+        case PRT_KIND_SG_COMPONENTS: {
+            iArray<float, long long> planar;
+            const float* in = reinterpret_cast<const float*>(src);
+            if (kind == PRT_KIND_SG_COMPONENTS) {
+                if (!planar.resize(values, nullptr, true)) return false;
+                for (int64_t i = 0; i < count; ++i)
+                    for (int k = 0; k < components; ++k)
+                        planar.data[int64_t(k) * count + i] = in[i * components + k];
+                in = planar.data;
+            }
+            SGCompressor<1> codec;
+            ok = codec.encodeRaw(in, values);
+            if (ok) {
+                cd.compressed.swap(codec.output);
+                cd.compressed.growth = 4;
+            }
+            break;
+        }
+        case PRT_KIND_BITPLANES: {
+            const int64_t w = (int64_t(count) + 31) / 32;
+            iArray<uint32_t, long long> planes;
+            ok = planes.resize(w * components * 32, nullptr, true);
+            if (ok) {
+                scatterBitPlanes(reinterpret_cast<const uint32_t*>(src), count, components,
+                                 planes.data);
+                ok = deflateInto(reinterpret_cast<const uint8_t*>(planes.data),
+                                 static_cast<uint64_t>(planes.count) * 4, cd.compressed);
+            }
+            break;
+        }
+        default:
+            return false;
+    }
+    if (ok) cd.kind = kind;
+    return ok;
+}
 
 int PGroup::DecompressChannel(int channel, bool dropCompressed) {
     if (channel < 0 || channel >= PRT_CHANNELS) return 0;
@@ -247,9 +301,10 @@ int PGroup::DecompressChannel(int channel, bool dropCompressed) {
                     ok = inflateInto(src, srcBytes, reinterpret_cast<uint8_t*>(planes.data),
                                      static_cast<uint64_t>(words) * 4);
                 }
-                if (ok)
-                    gatherBitPlanes(planes.data, count, components,
-                                    reinterpret_cast<uint32_t*>(dst));
+                if (ok) {
+                    MTPrtIn gather;
+                    gather.gather(planes.data, count, components, reinterpret_cast<uint32_t*>(dst));
+                }
                 break;
             }
         }

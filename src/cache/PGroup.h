@@ -104,6 +104,10 @@ public:
     /// Expands a channel from its compressed bytes. @return non-zero on success; a failure
     /// empties both arrays of the channel.
     int DecompressChannel(int channel, bool dropCompressed);
+    /// Fills the compressed bytes of a channel from its expanded values in the given kind (the
+    /// inverse of DecompressChannel; kinds 2 and 3 store lossless streams). @return false when
+    /// the channel has no values, the kind is unknown or memory fails.
+    bool CompressChannel(int channel, int kind);
     /// Sizes the expanded array for `count` particles; null when count is negative or memory fails.
     void* allocChannel(int channel);
     /// Copies `size` bytes in (size -1: count * stride); any other size must match the array.

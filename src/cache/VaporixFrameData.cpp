@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "cache/ParticleJobs.h"
 #include "cache/limits.h"
 #include "cache/zlibutil.h"
 #include "foundation/log.h"
@@ -565,6 +566,24 @@ int64_t VaporixFrameData::getParticleId(int group, int index) {
     int64_t id;
     if (!resolveParticle(group, index) || !groups[group].GetValue(index, PRT_ID, &id)) return 0;
     return id;
+}
+
+void VaporixFrameData::computeParticleBox(float box[6]) {
+    for (int a = 0; a < 3; ++a) {
+        box[a] = PARTICLE_BOX_EMPTY;
+        box[a + 3] = -PARTICLE_BOX_EMPTY;
+    }
+    MTComputeParticlesBbox& job = MTComputeParticlesBbox::instance();
+    std::lock_guard<std::mutex> lock(job.lock());
+    for (auto& g : groups) {
+        if (g.GetCount() <= 0) continue;
+        float part[6];
+        job.compute(g, part);
+        for (int a = 0; a < 3; ++a) {
+            box[a] = std::min(box[a], part[a]);
+            box[a + 3] = std::max(box[a + 3], part[a + 3]);
+        }
+    }
 }
 
 int VaporixFrameData::getGroupCount(int group) const {

@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "cache/ParticleJobs.h"
 #include "cache/VaporixFrameData.h"
 #include "cache/limits.h"
 #include "foundation/log.h"
@@ -242,28 +243,6 @@ void readParticleChunk(ReadState& st) {
     }
 }
 
-/// Particle box of one group, serially; counts the particles that are far off or not finite.
-void groupBox(PGroup& grp, float box[6], int& bad) {
-    for (int a = 0; a < 3; ++a) {
-        box[a] = PARTICLE_BOX_EMPTY;
-        box[a + 3] = -PARTICLE_BOX_EMPTY;
-    }
-    bad = 0;
-    for (int i = 0; i < grp.count; ++i) {
-        float p[3];
-        if (!grp.GetValue(i, PRT_POSITION, p)) continue;
-        const float s = p[0] + p[1] + p[2];
-        if (!std::isfinite(s) || !(std::fabs(s) < 100000.0f)) {
-            ++bad;
-            continue;
-        }
-        for (int a = 0; a < 3; ++a) {
-            box[a] = std::min(box[a], p[a]);
-            box[a + 3] = std::max(box[a + 3], p[a]);
-        }
-    }
-}
-
 /// The particle sections of tags 7 (raw pool) and 13 (coded pool) of the oldest files.
 void readOldParticleSection(ReadState& st, bool coded) {
     VxgReader& in = st.in;
@@ -317,10 +296,11 @@ void readOldParticleSection(ReadState& st, bool coded) {
         }
         if (load && !st.summaryRead) {
             // No summary: check the particles and build the box from them.
+            MTComputeParticlesBbox& job = MTComputeParticlesBbox::instance();
+            std::lock_guard<std::mutex> lock(job.lock());
             for (int round = 0; round < frame.groups.count; ++round) {
                 float box[6];
-                int bad = 0;
-                groupBox(grp, box, bad);
+                const int bad = job.compute(grp, box);
                 for (int a = 0; a < 3; ++a) {
                     frame.particleBox[a] = std::min(frame.particleBox[a], box[a]);
                     frame.particleBox[a + 3] = std::max(frame.particleBox[a + 3], box[a + 3]);

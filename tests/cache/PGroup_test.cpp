@@ -3,11 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 
 #include "Fixtures.h"
 #include "TestSupport.h"
 #include "VxgBuilder.h"
+#include "cache/ParticleJobs.h"
 #include "cache/VaporixFrameData.h"
 
 using namespace vaporix;
@@ -237,4 +239,56 @@ TEST(VaporixFrameData, ParticleAccessorsWalkAllGroups) {
     EXPECT_EQ(frame.GetParticleGroup(2), nullptr);
     EXPECT_EQ(frame.FindParticleGroup("B"), &frame.groups[2]);
     EXPECT_EQ(frame.FindParticleGroup("C"), nullptr);
+}
+
+TEST(PGroup, EveryKindRoundTripsThroughCompressChannel) {
+    for (int kind = PRT_KIND_RAW; kind <= PRT_KIND_BITPLANES; ++kind) {
+        for (int channel : {PRT_POSITION, PRT_SIZE, PRT_ID}) {
+            PGroup g;
+            g.count = 45;
+            auto* values = static_cast<uint32_t*>(g.allocChannel(channel));
+            ASSERT_NE(values, nullptr);
+            const int n = 45 * prtComponentCount(channel);
+            for (int i = 0; i < n; ++i) values[i] = 0x3F800000u + static_cast<uint32_t>(i * 977);
+            const std::vector<uint32_t> original(values, values + n);
+            ASSERT_TRUE(g.CompressChannel(channel, kind)) << kind;
+            g.channelData[channel].expanded.free();
+            ASSERT_EQ(g.DecompressChannel(channel, true), 1) << kind << " " << channel;
+            EXPECT_EQ(std::memcmp(g.channelData[channel].expanded.data, original.data(),
+                                  original.size() * 4),
+                      0)
+                << "kind " << kind << " channel " << channel;
+        }
+    }
+    PGroup g;
+    g.count = 2;
+    EXPECT_FALSE(g.CompressChannel(2, 0));  // nothing expanded
+    g.allocChannel(2);
+    EXPECT_FALSE(g.CompressChannel(2, 9));
+}
+
+TEST(VaporixFrameData, ParticleBoxSkipsBadParticles) {
+    VaporixFrameData frame;
+    frame.groups.resize(2);
+    std::vector<float> pos;
+    for (int i = 0; i < 1000; ++i) {
+        pos.push_back(static_cast<float>(i % 10));
+        pos.push_back(-static_cast<float>(i % 7));
+        pos.push_back(static_cast<float>(i) * 0.01f);
+    }
+    pos[30] = NAN;       // particle 10
+    pos[60] = 200000.0f;  // particle 20
+    frame.groups[0].count = 1000;
+    frame.groups[0].setChannel(PRT_POSITION, pos.data(), ~uint64_t(0));
+    float box[6];
+    frame.computeParticleBox(box);
+    EXPECT_EQ(box[0], 0.0f);
+    EXPECT_EQ(box[1], -6.0f);
+    EXPECT_EQ(box[3], 9.0f);
+    EXPECT_FLOAT_EQ(box[5], 9.99f);
+    int bad = MTComputeParticlesBbox::instance().compute(frame.groups[0], box);
+    EXPECT_EQ(bad, 2);
+    VaporixFrameData none;
+    none.computeParticleBox(box);
+    EXPECT_EQ(box[0], 1e20f);
 }
