@@ -1,8 +1,6 @@
 // Frame data: lazy channel expansion, ranges, boxes, info text, clearing and the shared list.
 #include "cache/VaporixFrameData.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -10,6 +8,7 @@
 #include "cache/ParticleJobs.h"
 #include "cache/limits.h"
 #include "cache/zlibutil.h"
+#include "foundation/EnumFiles.h"
 #include "foundation/log.h"
 
 namespace vaporix {
@@ -26,16 +25,9 @@ void freeFloats(float*& p) {
     p = nullptr;
 }
 
-bool fileExists(const char* path) {
-    struct stat st;
-    return path && *path && ::stat(path, &st) == 0 && S_ISREG(st.st_mode);
-}
-
-/// Resolves a pattern and a frame number to an existing file.
-bool resolveFrameFile(const char* pattern, int /*frame*/, bool /*exact*/, std::string& out) {
-    if (!fileExists(pattern)) return false;
-    out = pattern;
-    return true;
+/// Resolves a pattern and a frame number to an existing file of the sequence.
+bool resolveFrameFile(const char* pattern, int frame, bool exact, std::string& out) {
+    return pattern && *pattern && findFrameFile(pattern, frame, exact, out);
 }
 
 std::string groupDigits(int64_t n) {

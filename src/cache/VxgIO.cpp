@@ -14,6 +14,7 @@
 #include "cache/ParticleJobs.h"
 #include "cache/VaporixFrameData.h"
 #include "cache/limits.h"
+#include "foundation/FramePattern.h"
 #include "foundation/log.h"
 
 namespace vaporix {
@@ -606,26 +607,13 @@ private:
     bool mOk = true;
 };
 
-bool makeParentFolders(const std::string& path) {
-    const size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos || slash == 0) return false;
-    std::string dir = path.substr(0, slash);
-    for (size_t i = 1; i <= dir.size(); ++i) {
-        if (i == dir.size() || dir[i] == '/') {
-            const std::string part = dir.substr(0, i);
-            if (::mkdir(part.c_str(), 0777) != 0 && errno != EEXIST) return false;
-        }
-    }
-    return true;
-}
-
 }  // namespace
 
 int VaporixFrameData::WriteVxg(const char* path, uint32_t mask) {
     if (!path || !*path) return SAVE_FAILED;
     VxgWriter out;
     if (!out.open(path)) {
-        if (!makeParentFolders(path) || !out.open(path)) return SAVE_FAILED;
+        if (!createDirectories(path) || !out.open(path)) return SAVE_FAILED;
     }
 
     // Tag section.
@@ -719,7 +707,7 @@ int VaporixFrameData::WriteVxg(const char* path, uint32_t mask) {
 
 int VaporixFrameData::SaveFrame(const char* pattern, uint32_t mask) {
     if (!pattern) return SAVE_FAILED;
-    const std::string name = pattern;
+    const std::string name = expandFramePattern(toNativeSeparators(pattern), frameNumber);
     lumoLog("save frame %d\n", frameNumber);
     int status = SAVE_FAILED;
     for (int attempt = 0; attempt < 6 && status != LOAD_OK; ++attempt)

@@ -362,3 +362,23 @@ TEST(VxgIO, MissingPathsAndExtensions) {
     EXPECT_EQ(f.importFile(dir.path().c_str(), "", 0, true, false, false), 3);
     EXPECT_EQ(f.ImportVxg(dir.path().c_str(), false, false, true), 3);  // a folder, no retries
 }
+
+TEST(VxgIO, SaveAndLoadThroughFramePatterns) {
+    TempDir dir;
+    VaporixFrameData f;
+    ASSERT_EQ(readFile(f, testDataPath("gen3_chunks32.vxg")), 0);
+    const std::string pattern = dir.file("seq/smoke_####.vxg");
+    for (int n : {3, 7}) {
+        f.frameNumber = n;
+        ASSERT_EQ(f.SaveFrame(pattern.c_str(), f.channelMask), 0);
+    }
+    EXPECT_FALSE(readBytes(dir.file("seq/smoke_0003.vxg")).empty());
+    VaporixFrameData g;
+    EXPECT_EQ(g.loadByFrame(7, pattern.c_str(), "", true, true, false), 0);
+    EXPECT_EQ(g.frameNumber, 7);
+    EXPECT_EQ(g.sourcePath, dir.file("seq/smoke_0007.vxg"));
+    EXPECT_EQ(g.loadByFrame(5, pattern.c_str(), "", true, true, false), 3);
+    EXPECT_EQ(g.loadByFrame(6, pattern.c_str(), "", false, true, true), 0);  // nearest: 7
+    EXPECT_EQ(g.frameNumber, 7);
+    EXPECT_EQ(g.comprDataSzInts, 1);
+}
