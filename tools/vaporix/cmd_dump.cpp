@@ -1,6 +1,7 @@
 // vaporix dump: one grid channel, expanded, as raw little-endian float32.
 #include <cstdio>
 
+#include "CacheArg.h"
 #include "Command.h"
 #include "FileOut.h"
 #include "cache/VaporixFrameData.h"
@@ -9,7 +10,7 @@ namespace vaporix::cli {
 namespace {
 
 const char* USAGE =
-    "usage: vaporix dump FILE --channel N -o OUT.f32\n"
+    "usage: vaporix dump FILE|PATTERN [--frame N] --channel N -o OUT.f32\n"
     "\n"
     "Writes grid channel N of a cache frame, expanded, as little-endian float32 values with x\n"
     "running fastest (index = x + sizeX * (y + sizeY * z)).\n";
@@ -17,7 +18,7 @@ const char* USAGE =
 int run(int argc, char** argv) {
     Args args;
     std::string error;
-    if (!args.parse(argc, argv, 2, {{"--channel", 1}, {"-o", 1}, {"--help"}, {"-h"}}, error))
+    if (!args.parse(argc, argv, 2, {{"--channel", 1}, {"-o", 1}, frameOption(), {"--help"}, {"-h"}}, error))
         return usageError("dump", error);
     if (args.has("--help") || args.has("-h")) {
         std::fputs(USAGE, stdout);
@@ -29,7 +30,9 @@ int run(int argc, char** argv) {
         channel >= CHANNEL_COUNT)
         return usageError("dump", "--channel needs an ordinal from 0 to 31");
     if (!args.has("-o")) return usageError("dump", "-o OUT is required");
-    const std::string path = args.positional[0];
+    std::string path;
+    if (const int rc = resolveCacheArg("dump", args.positional[0], args, path); rc != EXIT_OK)
+        return rc;
 
     VaporixFrameData frame;
     const int status = frame.importFile(path.c_str(), "", 0, true, false, false);

@@ -1,6 +1,7 @@
 // vaporix info: everything a cache frame's header says.
 #include <cstdio>
 
+#include "CacheArg.h"
 #include "Command.h"
 #include "Json.h"
 #include "cache/VaporixFrameData.h"
@@ -9,10 +10,12 @@ namespace vaporix::cli {
 namespace {
 
 const char* USAGE =
-    "usage: vaporix info FILE [--json] [--header-only]\n"
+    "usage: vaporix info FILE|PATTERN [--frame N] [--json] [--header-only]\n"
     "\n"
     "Prints the header of a cache frame: grid size and transform, channels with their value\n"
     "ranges, frame number and times, comment, particle groups and the particle box.\n"
+    "  --frame N       with a frame pattern (smoke_####.vxg): the file of frame N (default:\n"
+    "                  the sequence's first frame)\n"
     "  --json          machine-readable output\n"
     "  --header-only   read only the header (no channel is expanded, ranges are unknown)\n";
 
@@ -130,14 +133,16 @@ void writeText(VaporixFrameData& frame, const std::string& path, int version, bo
 int run(int argc, char** argv) {
     Args args;
     std::string error;
-    if (!args.parse(argc, argv, 2, {{"--json"}, {"--header-only"}, {"--help"}, {"-h"}}, error))
+    if (!args.parse(argc, argv, 2, {{"--json"}, {"--header-only"}, frameOption(), {"--help"}, {"-h"}}, error))
         return usageError("info", error);
     if (args.has("--help") || args.has("-h")) {
         std::fputs(USAGE, stdout);
         return EXIT_OK;
     }
     if (args.positional.size() != 1) return usageError("info", "expected one FILE");
-    const std::string path = args.positional[0];
+    std::string path;
+    if (const int rc = resolveCacheArg("info", args.positional[0], args, path); rc != EXIT_OK)
+        return rc;
     const bool headerOnly = args.has("--header-only");
     VaporixFrameData frame;
     const int status = headerOnly ? frame.importHeader(path.c_str(), "")

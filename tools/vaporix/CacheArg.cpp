@@ -1,0 +1,30 @@
+// Cache path arguments with frame patterns.
+#include "CacheArg.h"
+
+#include <climits>
+
+#include "foundation/EnumFiles.h"
+#include "foundation/FramePattern.h"
+
+namespace vaporix::cli {
+
+int resolveCacheArg(const char* command, const std::string& path, const Args& args,
+                    std::string& file) {
+    long long frame = 0;
+    const bool hasFrame = args.has("--frame");
+    if (hasFrame && (!parseInt(args.value("--frame"), frame) || frame < INT_MIN / 2 ||
+                     frame > INT_MAX / 2))
+        return usageError(command, "--frame takes a whole number");
+    if (!hasFramePattern(path)) {
+        file = path;
+        return EXIT_OK;
+    }
+    // Without a frame the nearest to a very low number is the sequence's first frame.
+    const int32_t wanted = hasFrame ? static_cast<int32_t>(frame) : INT_MIN / 2;
+    if (!findFrameFile(path, wanted, hasFrame, file))
+        return failure(command, hasFrame ? "no file for frame " + std::to_string(frame) + " of " + path
+                                         : "no file matches " + path);
+    return EXIT_OK;
+}
+
+}  // namespace vaporix::cli
