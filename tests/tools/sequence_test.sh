@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# End-to-end checks of vaporix ls, rm, cp and mv on real sequences with awkward names.
+set -u
+tool="$1"
+py=/usr/bin/python3
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+passed=0
+failed=0
+check() {  # check NAME CONDITION...
+    local name="$1"
+    shift
+    if "$@"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "FAILED: $name"; fi
+}
+status_is() {  # status_is EXPECTED COMMAND...
+    local want="$1"
+    shift
+    "$@" >"$tmp/stdout" 2>"$tmp/stderr" </dev/null
+    [ "$?" -eq "$want" ]
+}
+stderr_has() { grep -qF -- "$1" "$tmp/stderr"; }
+stdout_has() { grep -qF -- "$1" "$tmp/stdout"; }
+
+# Frames 1, 2, 3, 5, 9 of a sequence in a folder with spaces and non-ASCII letters, plus an
+# unpadded frame 12 that only the .vxg second pass finds, and names that don't belong.
+src="$tmp/sim r\xc3\xa9sultat"
+src=$(printf "$src")
+mkdir -p "$src"
+for f in 1 2 3 5 9; do head -c $((f * 100)) /dev/zero >"$src/fire $(printf %04d $f).vxg"; done
+head -c 7 /dev/zero >"$src/fire 12.vxg"
+touch "$src/fire x.vxg" "$src/fire 0004.vxg.bak" "$src/smoke 0004.vxg"
+
+check "ls" status_is 0 "$tool" ls "$src/fire ####.vxg"
+check "ls text" stdout_has "frames    1 .. 12, 6 present, 6 missing: 4, 6-8, 10-11"
+check "ls size" stdout_has "(2007 bytes)"
+check "ls json" status_is 0 "$tool" ls "$src/fire <frame04>.vxg" --json --files
+check "ls json content" $py - "$tmp/stdout" "$src" <<'PY'
+import json, sys
+j = json.load(open(sys.argv[1]))
+src = sys.argv[2]
+assert j["count"] == 6 and j["firstFrame"] == 1 and j["lastFrame"] == 12, j
+assert j["missingCount"] == 6 and j["missing"] == [[4, 4], [6, 8], [10, 11]], j
+assert j["totalBytes"] == 2007 and j["duplicateFrames"] == [], j
+assert [f["frame"] for f in j["files"]] == [1, 2, 3, 5, 9, 12], j["files"]
+assert j["files"][-1]["path"] == src + "/fire 12.vxg" and j["files"][-1]["bytes"] == 7
+PY
+check "ls nothing" status_is 1 "$tool" ls "$tmp/none_####.vxg"
+check "ls nothing says so" stderr_has "no files match"
+check "ls usage" status_is 2 "$tool" ls
+check "ls help" status_is 0 "$tool" ls --help
+
+# Copy keeps the source; a second copy refuses to overwrite; --force does.
+check "cp" status_is 0 "$tool" cp "$src/fire ####.vxg" "$tmp/copy/f_%05d.vxg"
+check "cp result" test -f "$tmp/copy/f_00012.vxg" -a -f "$src/fire 12.vxg"
+check "cp again" status_is 1 "$tool" cp "$src/fire ####.vxg" "$tmp/copy/f_%05d.vxg"
+check "cp again says" stderr_has "give --force"
+check "cp force" status_is 0 "$tool" cp -q "$src/fire ####.vxg" "$tmp/copy/f_%05d.vxg" --force
+check "cp into folder" status_is 0 "$tool" cp "$src/fire ####.vxg" "$tmp/copy"
+check "cp into folder names" test -f "$tmp/copy/fire 0009.vxg" -a -f "$tmp/copy/fire 0012.vxg"
+
+# A move that fails half way (frame 5's target is a folder) moves everything back.
+mkdir -p "$tmp/moved/m_0005.vxg/x"
+check "mv fails" status_is 1 "$tool" mv "$tmp/copy/f_%05d.vxg" "$tmp/moved/m_####.vxg" --force
+check "mv says rolled back" stderr_has "moved back"
+check "mv left source" status_is 0 "$tool" ls "$tmp/copy/f_#####.vxg"
+check "mv left source whole" stdout_has "files     6"
+check "mv" status_is 0 "$tool" mv "$tmp/copy/f_#####.vxg" "$tmp/moved2\\m_<frame03>.vxg"
+check "mv result" test -f "$tmp/moved2/m_012.vxg" -a ! -e "$tmp/copy/f_00012.vxg"
+check "mv onto itself" status_is 1 "$tool" mv "$tmp/moved2/m_###.vxg" "$tmp/moved2/m_%03d.vxg"
+
+# rm asks; without a terminal it refuses unless --yes.
+check "rm refuses" status_is 1 "$tool" rm "$tmp/moved2/m_###.vxg"
+check "rm says why" stderr_has "no terminal"
+check "rm kept" test -f "$tmp/moved2/m_001.vxg"
+if command -v script >/dev/null; then
+    (sleep 0.5; echo n) | script -qec "'$tool' rm '$tmp/moved2/m_###.vxg'" /dev/null >/dev/null
+    check "rm answered no" test -f "$tmp/moved2/m_001.vxg"
+    (sleep 0.5; echo y) | script -qec "'$tool' rm '$tmp/moved2/m_###.vxg'" /dev/null >/dev/null
+    check "rm answered yes" test ! -e "$tmp/moved2/m_001.vxg"
+fi
+check "rm yes" status_is 0 "$tool" rm --yes "$src/fire ####.vxg"
+check "rm only the sequence" test -f "$src/fire x.vxg" -a -f "$src/smoke 0004.vxg" \
+    -a ! -e "$src/fire 12.vxg"
+check "rm nothing" status_is 1 "$tool" rm --yes "$src/fire ####.vxg"
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
