@@ -60,6 +60,41 @@ import json; j = json.load(open('$tmp/g4.json'))
 g = j['groups'][0]
 assert g['name'] == 'Splashes' and g['count'] == 33 and g['channels'] == [0, 1, 2, 3, 10], g"
 
+# Particles: every kind packs and dumps back byte for byte.
+$py -c "
+import struct
+n = 45
+open('$tmp/pos.bin','wb').write(struct.pack('<%df' % (3*n), *[i * 0.25 - 3 for i in range(3*n)]))
+open('$tmp/id.bin','wb').write(struct.pack('<%dq' % n, *[(i * 7919) % 1000 - 500 for i in range(n)]))
+open('$tmp/age.bin','wb').write(struct.pack('<%df' % n, *[i / 7 for i in range(n)]))
+"
+pargs=(--particles "Foam:0=$tmp/pos.bin" --particles "Foam:10=$tmp/id.bin")
+for k in 0 1 2 3 4; do pargs+=(--particles "K$k:0=$tmp/pos.bin:$k" --particles "K$k:3=$tmp/age.bin:$k"); done
+check "pack particles" status_is 0 "$tool" pack --size 4 4 4 "${pargs[@]}" -o "$tmp/p.vxg"
+for k in 0 1 2 3 4; do
+    check "dump kind $k" status_is 0 "$tool" dump "$tmp/p.vxg" --group "K$k" --pchannel 3 -o "$tmp/age$k.bin"
+    check "kind $k bytes" cmp -s "$tmp/age.bin" "$tmp/age$k.bin"
+done
+check "dump ids" status_is 0 "$tool" dump "$tmp/p.vxg" --group Foam --pchannel 10 -o "$tmp/id2.bin"
+check "id bytes" cmp -s "$tmp/id.bin" "$tmp/id2.bin"
+"$tool" info --json "$tmp/p.vxg" >"$tmp/p.json"
+check "particle box" $py -c "
+import json; j = json.load(open('$tmp/p.json'))
+assert j['particleBox'] == [-3, -2.75, -2.5, 30, 30.25, 30.5], j['particleBox']
+assert [g['count'] for g in j['groups']] == [45] * 6"
+check "group without positions" status_is 2 "$tool" pack --size 1 1 1 --particles "X:3=$tmp/age.bin" -o "$tmp/z.vxg"
+check "particle size mismatch" status_is 1 "$tool" pack --size 1 1 1 --particles "X:0=$tmp/pos.bin" --particles "X:10=$tmp/age.bin" -o "$tmp/z.vxg"
+check "missing group" status_is 1 "$tool" dump "$tmp/p.vxg" --group Nope --pchannel 0 -o "$tmp/z.bin"
+
+# Frame patterns.
+mkdir -p "$tmp/seq"
+for n in 3 5; do
+    "$tool" pack --size 3 2 2 --channel 1="$tmp/ramp.f32" --frame $n -o "$tmp/seq/s_000$n.vxg"
+done
+check "pattern frame" bash -c "'$tool' info --json '$tmp/seq/s_####.vxg' --frame 5 | grep -q '\"frameNumber\": 5'"
+check "pattern first" bash -c "'$tool' info --json '$tmp/seq/s_%04d.vxg' | grep -q '\"frameNumber\": 3'"
+check "pattern missing frame" status_is 1 "$tool" info "$tmp/seq/s_####.vxg" --frame 4
+
 # Failures and usage errors.
 check "missing file" status_is 1 "$tool" info "$tmp/none.vxg"
 head -c 100 "$tmp/out.vxg" >"$tmp/cut.vxg"

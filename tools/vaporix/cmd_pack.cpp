@@ -13,12 +13,18 @@ namespace {
 const char* USAGE =
     "usage: vaporix pack --size X Y Z --channel N=IN.f32 [--channel N=IN.f32 ...]\n"
     "                    [--frame N] [--time-step S] [--sim-time T] [--transform 12 numbers]\n"
-    "                    [--comment TEXT] -o OUT.vxg\n"
+    "                    [--comment TEXT] [--particles NAME:C=IN.bin[:KIND] ...] -o OUT.vxg\n"
     "\n"
     "Writes a version 4 cache frame. Each IN.f32 holds X*Y*Z little-endian float32 values, x\n"
     "running fastest. Channel 18 takes X*Y*Z*4 bytes of packed colour (byte 2 red, 1 green,\n"
     "0 blue). The transform maps world to grid coordinates: three matrix rows, then the offset\n"
-    "row (default: identity).\n";
+    "row (default: identity).\n"
+    "\n"
+    "--particles adds channel C of particle group NAME from raw little-endian values, particle\n"
+    "after particle: 3 float32 for position (0, in grid coordinates), velocity (1) and 4, one\n"
+    "int64 for the ID (10), one float32 for the others. Every group needs positions. KIND is the\n"
+    "stored compression: 0 raw, 1 zlib, 2 codec stream, 3 codec stream per component, 4 zlib\n"
+    "bit planes (default: 4 for IDs, 3 otherwise).\n";
 
 /// Settings of the grid stream encoder.
 struct EncodeSettings {};
@@ -57,13 +63,91 @@ bool encodeChannel(VaporixFrameData& frame, int channel, const std::vector<uint8
                                    static_cast<uint64_t>(codec.output.count));
 }
 
+/// One --particles use: group name, channel, file and kind.
+struct ParticleSpec {
+    std::string group;
+    int channel = 0;
+    std::string file;
+    int kind = -1;
+};
+
+bool parseParticleSpec(const std::string& text, ParticleSpec& out) {
+    const size_t colon = text.find(':');
+    const size_t eq = colon == std::string::npos ? colon : text.find('=', colon);
+    if (colon == 0 || colon == std::string::npos || eq == std::string::npos) return false;
+    out.group = text.substr(0, colon);
+    long long c;
+    if (!parseInt(text.substr(colon + 1, eq - colon - 1), c) || c < 0 || c >= PRT_CHANNELS ||
+        prtComponentCount(static_cast<int>(c)) == 0)
+        return false;
+    out.channel = static_cast<int>(c);
+    out.file = text.substr(eq + 1);
+    // A trailing ":K" with K from 0 to 4 names the kind.
+    const size_t last = out.file.rfind(':');
+    long long k;
+    if (last != std::string::npos && parseInt(out.file.substr(last + 1), k)) {
+        if (k < PRT_KIND_RAW || k > PRT_KIND_BITPLANES) return false;
+        out.kind = static_cast<int>(k);
+        out.file.resize(last);
+    }
+    if (out.kind < 0) out.kind = out.channel == PRT_ID ? PRT_KIND_BITPLANES : PRT_KIND_SG_COMPONENTS;
+    return !out.file.empty();
+}
+
+int addParticles(VaporixFrameData& frame, const Args& args) {
+    std::vector<ParticleSpec> specs;
+    for (const auto& use : args.uses("--particles")) {
+        ParticleSpec spec;
+        if (!parseParticleSpec(use[0], spec))
+            return usageError("pack", "--particles takes NAME:C=FILE[:KIND] with a stored channel "
+                                      "C and KIND from 0 to 4, not " + use[0]);
+        specs.push_back(spec);
+    }
+    // Groups in the order they first appear; the positions give the particle count.
+    for (const auto& spec : specs) {
+        if (frame.FindParticleGroup(spec.group)) continue;
+        const ParticleSpec* pos = nullptr;
+        for (const auto& s : specs)
+            if (s.group == spec.group && s.channel == PRT_POSITION) pos = &s;
+        if (!pos) return usageError("pack", "group " + spec.group + " needs positions (channel 0)");
+        std::vector<uint8_t> bytes;
+        if (!readWholeFile(pos->file, bytes)) return failure("pack", "can't read " + pos->file);
+        if (bytes.size() % 12 != 0 || bytes.size() / 12 > 0x7FFFFFFF)
+            return failure("pack", pos->file + ": positions take 12 bytes a particle");
+        PGroup group;
+        group.name = spec.group;
+        group.count = static_cast<int32_t>(bytes.size() / 12);
+        if (!frame.groups.append(group)) return failure("pack", "out of memory");
+        frame.groups.last().frame = &frame;
+    }
+    for (const auto& spec : specs) {
+        auto* group = static_cast<PGroup*>(frame.FindParticleGroup(spec.group));
+        std::vector<uint8_t> bytes;
+        if (!readWholeFile(spec.file, bytes)) return failure("pack", "can't read " + spec.file);
+        if (group->channelData[spec.channel].expanded.count > 0)
+            return usageError("pack", "channel " + std::to_string(spec.channel) + " of group " +
+                                          spec.group + " given twice");
+        if (!group->setChannel(spec.channel, bytes.data(), bytes.size()))
+            return failure("pack", spec.file + ": channel " + std::to_string(spec.channel) +
+                                       " of " + std::to_string(group->count) + " particles takes " +
+                                       std::to_string(int64_t(group->count) *
+                                                      group->GetChannelStride(spec.channel)) +
+                                       " bytes, the file has " + std::to_string(bytes.size()));
+        if (!group->CompressChannel(spec.channel, spec.kind))
+            return failure("pack", "can't compress " + spec.file);
+        group->channelBits |= 1u << spec.channel;
+    }
+    if (!frame.groups.empty()) frame.computeParticleBox(frame.particleBox);
+    return EXIT_OK;
+}
+
 int run(int argc, char** argv) {
     Args args;
     std::string error;
     const std::vector<OptionSpec> specs = {
         {"--size", 3},      {"--channel", 1, true}, {"--frame", 1},   {"--time-step", 1},
         {"--sim-time", 1},  {"--transform", 12},    {"--comment", 1}, {"-o", 1},
-        {"--help"},         {"-h"}};
+        {"--particles", 1, true}, {"--help"},       {"-h"}};
     if (!args.parse(argc, argv, 2, specs, error)) return usageError("pack", error);
     if (args.has("--help") || args.has("-h")) {
         std::fputs(USAGE, stdout);
@@ -111,7 +195,8 @@ int run(int argc, char** argv) {
 
     EncodeSettings settings;
     uint32_t mask = 0;
-    if (args.uses("--channel").empty()) return usageError("pack", "give at least one --channel");
+    if (args.uses("--channel").empty() && args.uses("--particles").empty())
+        return usageError("pack", "give at least one --channel or --particles");
     for (const auto& use : args.uses("--channel")) {
         const std::string& spec = use[0];
         const size_t eq = spec.find('=');
@@ -128,6 +213,7 @@ int run(int argc, char** argv) {
             return failure("pack", file + ": " + error);
         mask |= 1u << c;
     }
+    if (const int rc = addParticles(frame, args); rc != EXIT_OK) return rc;
     frame.channelMask = mask;
     const std::string out = args.value("-o");
     if (frame.WriteVxg(out.c_str(), mask) != LOAD_OK) return failure("pack", "can't write " + out);
