@@ -93,6 +93,14 @@ bool findSequenceByPrefix(std::string& out,
     return !out.empty();
 }
 
+std::string findSequenceByPrefix(const std::string& prefix) {
+    std::string pattern;
+    if (prefix.empty()) return pattern;
+    for (const char* extension : {"vxg", "f3d", "vdb"})
+        if (findSequenceByPrefix(pattern, prefix, extension)) break;
+    return pattern;
+}
+
 std::string upgradeCachePrefix(const std::string& rendinput) {
     // An empty value names no folder: looking it up would pick any sequence of the process's
     // working folder.
@@ -102,10 +110,8 @@ std::string upgradeCachePrefix(const std::string& rendinput) {
     // A folder part ends in a separator or is empty, so this never holds; old scenes were
     // upgraded with the same test, and it is kept for them.
     if (folder == ".vxg" || folder == ".f3d" || folder == ".vdb") return rendinput;
-    std::string pattern;
-    for (const char* extension : {"vxg", "f3d", "vdb"})
-        if (findSequenceByPrefix(pattern, rendinput, extension)) return pattern;
-    return rendinput;
+    const std::string pattern = findSequenceByPrefix(rendinput);
+    return pattern.empty() ? rendinput : pattern;
 }
 
 std::vector<FileFilter> cacheFileFilters(int filterMask, const CacheModules& modules) {

@@ -67,6 +67,11 @@ bool findSequenceByPrefix(std::string& out,
                           const std::string& prefix,
                           const std::string& extension);
 
+/// The pattern an old scene's prefix stands for: `findSequenceByPrefix` for "vxg", then "f3d",
+/// then "vdb" files; "" when none matches or the prefix is empty (an empty prefix would list
+/// the process's working folder). Fits the upgrade step's callback as it is.
+std::string findSequenceByPrefix(const std::string& prefix);
+
 /// The upgrade of an old scene's `rendinput`, which held a folder or name prefix: unless it is
 /// one of the output macros or empty, the prefix is looked up for "vxg", then "f3d", then
 /// "vdb" files, and the pattern found replaces it. Returns the value to keep.

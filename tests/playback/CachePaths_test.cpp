@@ -137,6 +137,9 @@ TEST(CachePaths, UpgradeOfOldPrefixes) {
     for (const char* macro : {"$(simoutput)", "$(implicit)", "$(same_as_output)", "$(scene_dir)",
                               "$(resimoutput)", "$(same_as_resimoutput)", ""})
         EXPECT_EQ(upgradeCachePrefix(macro), macro);
+    EXPECT_EQ(findSequenceByPrefix(prefix), prefix + "s_#.vxg");
+    EXPECT_EQ(findSequenceByPrefix(prefix + "zzz"), "");
+    EXPECT_EQ(findSequenceByPrefix(""), "");
     // A modern pattern lists nothing and stays.
     EXPECT_EQ(upgradeCachePrefix(prefix + "s_####.vxg"), prefix + "s_####.vxg");
 }
