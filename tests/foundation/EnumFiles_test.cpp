@@ -213,6 +213,10 @@ TEST(EnumFiles, OddNamesWork) {
     std::string path;
     EXPECT_TRUE(findFrameFile(folder + stem + "####.vxg", 8, true, path));
     EXPECT_EQ(path, folder + stem + "0008.vxg");
+    // Names and paths beyond the system's limits are simply not there.
+    EXPECT_FALSE(findFrameFile(folder + std::string(300, 'x') + "_####.vxg", 8, false, path));
+    EXPECT_FALSE(findFrameFile(folder + std::string(5000, 'x') + "/c_####.vxg", 8, false, path));
+    EXPECT_FALSE(findFrameFile(folder + std::string(5000, 'x') + ".vxg", 8, false, path));
     // Wildcard characters of the name are literal only where they are not wildcards.
     touch(dir.file("q?_0001.vxg"));
     touch(dir.file("q*_0002.vxg"));
