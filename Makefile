@@ -32,7 +32,7 @@ fuzz: deps
 	cmake --build --preset fuzz -j $(JOBS)
 
 bench: build
-	@for b in build/release/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+	@for b in build/release/bench/vaporix_*_bench; do [ -x "$$b" ] && "$$b"; done; true
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
