@@ -189,8 +189,17 @@ float MultiCurve::evaluateLinear(float x) const {
     if (n == 0) return 0.0f;
     if (n == 1) return keyValues[0];
     // The segment that begins at the last key below x; the end segments extend outward.
-    int j = 0;
-    while (j + 1 < n && keyPositions[j + 1] < x) ++j;
+    int lo = 0;
+    int hi = n;
+    while (lo < hi) {  // first key at or above x
+        const int mid = (lo + hi) / 2;
+        if (keyPositions[mid] < x)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    int j = lo - 1;
+    if (j < 0) j = 0;
     if (j > n - 2) j = n - 2;
     const float span = keyPositions[j + 1] - keyPositions[j];
     // A zero-length end segment (two spline keys at one position) has no slope to extend.
