@@ -51,17 +51,38 @@ float Bezier::evaluate(const Point* p, int count, float x) {
     const Point& p2 = p[3 * lo + 3];
     const Point& p3 = p[3 * lo + 4];
 
-    // The parameter whose x is the argument, by bisection on the x components.
-    float tl = 0.0f;
-    float th = 1.0f;
-    for (int round = 0; round < 24 && th - tl > 1e-20f; ++round) {
-        const float t = (tl + th) * 0.5f;
-        if (casteljau(p0.x, p1.x, p2.x, p3.x, t) < x)
-            tl = t;
-        else
-            th = t;
+    const Point piece[4] = {p0, p1, p2, p3};
+    float y = 0.0f;
+    solvePieces(&piece, &x, &y, 1);
+    return y;
+}
+
+void Bezier::solvePieces(const Point (*pieces)[4], const float* xs, float* ys, int n) {
+    // The parameter whose x is the argument, by bisection on the x components; several
+    // arguments side by side, each exactly as alone.
+    constexpr int LANES = 8;
+    for (int base = 0; base < n; base += LANES) {
+        const int m = n - base < LANES ? n - base : LANES;
+        float tl[LANES], th[LANES];
+        for (int k = 0; k < LANES; ++k) {
+            tl[k] = 0.0f;
+            th[k] = 1.0f;
+        }
+        for (int round = 0; round < 24; ++round) {
+            for (int k = 0; k < m; ++k) {
+                if (!(th[k] - tl[k] > 1e-20f)) continue;
+                const Point* p = pieces[base + k];
+                const float t = (tl[k] + th[k]) * 0.5f;
+                const bool below = casteljau(p[0].x, p[1].x, p[2].x, p[3].x, t) < xs[base + k];
+                tl[k] = below ? t : tl[k];
+                th[k] = below ? th[k] : t;
+            }
+        }
+        for (int k = 0; k < m; ++k) {
+            const Point* p = pieces[base + k];
+            ys[base + k] = casteljau(p[0].y, p[1].y, p[2].y, p[3].y, tl[k]);
+        }
     }
-    return casteljau(p0.y, p1.y, p2.y, p3.y, tl);
 }
 
 }  // namespace vaporix

@@ -23,6 +23,10 @@ public:
 
     /// The same over a plain array of `count` points.
     static float evaluate(const Point* points, int count, float x);
+
+    /// The value inside single cubic pieces (key, out-handle, in-handle, key): n arguments,
+    /// each with its own piece, solved side by side with the same result as evaluate().
+    static void solvePieces(const Point (*pieces)[4], const float* x, float* y, int n);
 };
 
 }  // namespace vaporix

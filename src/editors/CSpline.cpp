@@ -131,14 +131,6 @@ void CSpline::recompute() {
     }
 }
 
-float CSpline::evaluatePiece(float u) const {
-    int i = static_cast<int>(u);
-    if (i > count - 1) i = count - 1;
-    const float t = u - static_cast<float>(i);
-    const Segment& s = segments[i];
-    return ((s.a * t + s.b) * t + s.c) * t + s.d;
-}
-
 float CSpline::value(float u) const {
     const int n = count;
     if (n == 0) return 0.0f;
@@ -187,20 +179,71 @@ float CSpline::inverse(float y) const {
     }
 
     // Inside: bisection over the parameter; 24 rounds reach float resolution over any range
-    // that matters to an editor.
+    // that matters to an editor. The parameter stays within 0..n-1 here, where value() is the
+    // plain polynomial of a piece, so the rounds read the pieces directly; the bounds move by
+    // selection rather than branches, since each round's direction is a coin toss.
     float lo = 0.0f;
     float hi = lastU;
     float mid = 0.0f;
     for (int round = 0; round < 24; ++round) {
         mid = (hi - lo) * 0.5f + lo;
-        const float v = value(mid);
+        const float v = evaluatePiece(mid);
         if (v == y) break;
-        if (ascending ? v < y : v > y)
-            lo = mid;
-        else
-            hi = mid;
+        const bool up = ascending ? v < y : v > y;
+        lo = up ? mid : lo;
+        hi = up ? hi : mid;
     }
     return mid;
+}
+
+void CSpline::inverseMany(const float* ys, float* us, int n) const {
+    if (count < 2) {
+        for (int k = 0; k < n; ++k) us[k] = inverse(ys[k]);
+        return;
+    }
+    const float first = segments[0].d;
+    const float last = segments[count - 1].d;
+    const float lastU = static_cast<float>(count - 1);
+    const bool ascending = last >= first;
+
+    // Lanes of bisections in lock step; each lane does exactly what inverse() does.
+    constexpr int LANES = 8;
+    for (int base = 0; base < n; base += LANES) {
+        float lo[LANES], hi[LANES], mid[LANES], y[LANES];
+        bool active[LANES];
+        for (int k = 0; k < LANES; ++k) {
+            active[k] = false;
+            lo[k] = mid[k] = y[k] = 0.0f;
+            hi[k] = lastU;
+            if (base + k >= n) continue;
+            y[k] = ys[base + k];
+            const bool outside =
+                ascending ? (y[k] < first || y[k] > last) : (y[k] > first || y[k] < last);
+            if (outside)
+                us[base + k] = inverse(y[k]);
+            else
+                active[k] = true;
+        }
+        for (int round = 0; round < 24; ++round) {
+            for (int k = 0; k < LANES; ++k) {
+                if (!active[k]) continue;
+                mid[k] = (hi[k] - lo[k]) * 0.5f + lo[k];
+                const float v = evaluatePiece(mid[k]);
+                if (v == y[k]) {
+                    active[k] = false;
+                    continue;
+                }
+                const bool up = ascending ? v < y[k] : v > y[k];
+                lo[k] = up ? mid[k] : lo[k];
+                hi[k] = up ? hi[k] : mid[k];
+            }
+        }
+        for (int k = 0; k < LANES && base + k < n; ++k) {
+            const float yk = ys[base + k];
+            const bool outside = ascending ? (yk < first || yk > last) : (yk > first || yk < last);
+            if (!outside) us[base + k] = mid[k];
+        }
+    }
 }
 
 }  // namespace vaporix

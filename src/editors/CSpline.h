@@ -50,11 +50,22 @@ public:
     float value(float u) const;
     /// The parameter u at which the spline has the value y.
     float inverse(float y) const;
+    /// inverse() of n values at once, with the same result for each: the bisections of several
+    /// values run side by side, which keeps the processor busy while each waits on its last
+    /// round. Table builders call it for thousands of values.
+    void inverseMany(const float* y, float* u, int n) const;
 
 private:
     bool grow(int needed);
-    /// Polynomial of the piece that holds u, with u already brought into range.
-    float evaluatePiece(float u) const;
+    /// Polynomial of the piece that holds u, with u already brought into range (0..count).
+    /// Inline: the bisections spend most of their time here.
+    float evaluatePiece(float u) const {
+        int i = static_cast<int>(u);
+        if (i > count - 1) i = count - 1;
+        const float t = u - static_cast<float>(i);
+        const Segment& s = segments[i];
+        return ((s.a * t + s.b) * t + s.c) * t + s.d;
+    }
 };
 
 }  // namespace vaporix

@@ -27,6 +27,25 @@ void ColorGradient::evaluate(float x, float out[3]) const {
     out[2] = unit(blue.value(u));
 }
 
+void ColorGradient::evaluateMany(const float* xs, float* rgb, int n) const {
+    if (count() == 0) {
+        for (int k = 0; k < 3 * n; ++k) rgb[k] = 0.0f;
+        return;
+    }
+    constexpr int CHUNK = 256;
+    float us[CHUNK];
+    for (int base = 0; base < n; base += CHUNK) {
+        const int m = n - base < CHUNK ? n - base : CHUNK;
+        position.inverseMany(xs + base, us, m);
+        for (int k = 0; k < m; ++k) {
+            float* out = rgb + 3 * (base + k);
+            out[0] = unit(red.value(us[k]));
+            out[1] = unit(green.value(us[k]));
+            out[2] = unit(blue.value(us[k]));
+        }
+    }
+}
+
 void ColorGradient::recomputeAll() {
     position.recompute();
     red.recompute();

@@ -23,6 +23,8 @@ public:
 
     /// The colour at x; black without keys. Components are always finite and within 0..1.
     void evaluate(float x, float out[3]) const;
+    /// evaluate() at n arguments into n RGB triples, with the same results.
+    void evaluateMany(const float* x, float* rgb, int n) const;
 
     /// Inserts behind the last key at or below x. @return the new index, or -1 without memory.
     int addKey(float x, const float rgb[3]);

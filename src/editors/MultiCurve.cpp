@@ -208,10 +208,11 @@ float MultiCurve::evaluateLinear(float x) const {
     return (1.0f - f) * keyValues[j] + f * keyValues[j + 1];
 }
 
-float MultiCurve::evaluateKey(int key, int left, int right, float x, bool& noHandle) const {
+float MultiCurve::evaluateKey(
+    int key, int left, int right, float x, const float* splineU, bool& noHandle) const {
     const int k = kinds[key];
     if (k == MCP_LINEAR) return evaluateLinear(x);
-    if (!isBezier(k)) return splineY.value(splineX.inverse(x));
+    if (!isBezier(k)) return splineY.value(splineU ? *splineU : splineX.inverse(x));
 
     const int n = count();
     if (key == left) {
@@ -249,13 +250,81 @@ float MultiCurve::evaluateKey(int key, int left, int right, float x, bool& noHan
     return evaluateQuadratic(p, x);
 }
 
-float MultiCurve::evaluate(float x, int endMode) const {
-    const int n = count();
-    if (n == 0) return 0.0f;
+float MultiCurve::evaluate(float x, int endMode) const { return evaluateAt(x, endMode, nullptr); }
 
-    // i: the largest index whose position is strictly below x.
+void MultiCurve::evaluateMany(const float* xs, float* out, int n, int endMode) const {
+    // The two bisections of the evaluation run in batches: the position spline's inverse for
+    // arguments under spline keys, the cubic piece for arguments between two Bezier keys.
+    bool anySpline = false;
+    for (int i = 0; i < count() && !anySpline; ++i) anySpline = kinds[i] == MCP_SPLINE;
+    constexpr int CHUNK = 256;
+    float us[CHUNK];
+    float splineArgs[CHUNK];
+    int splineSlot[CHUNK];
+    float bezierArgs[CHUNK];
+    float bezierValues[CHUNK];
+    Bezier::Point pieces[CHUNK][4];
+    int bezierSlot[CHUNK];
+    for (int base = 0; base < n; base += CHUNK) {
+        const int m = n - base < CHUNK ? n - base : CHUNK;
+        int splines = 0;
+        int beziers = 0;
+        for (int k = 0; k < m; ++k) {
+            const float x = xs[base + k];
+            splineSlot[k] = bezierSlot[k] = -1;
+            if (bezierPiece(x, endMode, pieces[beziers])) {
+                bezierSlot[k] = beziers;
+                bezierArgs[beziers++] = x;
+            } else if (anySpline && needsSplineInverse(x, endMode)) {
+                splineSlot[k] = splines;
+                splineArgs[splines++] = x;
+            }
+        }
+        splineX.inverseMany(splineArgs, us, splines);
+        Bezier::solvePieces(pieces, bezierArgs, bezierValues, beziers);
+        for (int k = 0; k < m; ++k) {
+            if (bezierSlot[k] >= 0)
+                out[base + k] = bezierValues[bezierSlot[k]];
+            else
+                out[base + k] = evaluateAt(xs[base + k], endMode,
+                                           splineSlot[k] >= 0 ? &us[splineSlot[k]] : nullptr);
+        }
+    }
+}
+
+bool MultiCurve::bezierPiece(float x, int endMode, Bezier::Point piece[4]) const {
+    const int n = count();
+    if (n == 0) return false;
+    if (endMode == 2 && (x <= positions[0] || x >= positions[n - 1])) return false;
+    const int i = lastBelow(x);
+    int left = i;
+    while (left >= 0 && isHandle(kinds[left])) --left;
+    int right = i + 1;
+    while (right < n && isHandle(kinds[right])) ++right;
+    if (left < 0 || right >= n || !isBezier(kinds[left]) || !isBezier(kinds[right])) return false;
+    const int idx[4] = {left, rightHandle(left), leftHandle(right), right};
+    // Missing handles, and the key positions themselves, take the ordinary path.
+    if (idx[1] < 0 || idx[2] < 0 || leftHandle(left) < 0 || rightHandle(right) < 0) return false;
+    if (!(x > positions[left] && x < positions[right])) return false;
+    for (int k = 0; k < 4; ++k) piece[k] = Bezier::Point{positions[idx[k]], values[idx[k]], 0.0f};
+    return true;
+}
+
+bool MultiCurve::needsSplineInverse(float x, int endMode) const {
+    const int n = count();
+    if (n == 0) return false;
+    if (endMode == 2 && (x <= positions[0] || x >= positions[n - 1])) return false;
+    const int i = lastBelow(x);
+    int left = i;
+    while (left >= 0 && isHandle(kinds[left])) --left;
+    int right = i + 1;
+    while (right < n && isHandle(kinds[right])) ++right;
+    return (left >= 0 && kinds[left] == MCP_SPLINE) || (right < n && kinds[right] == MCP_SPLINE);
+}
+
+int MultiCurve::lastBelow(float x) const {
     int lo = 0;
-    int hi = n;
+    int hi = count();
     while (lo < hi) {
         const int mid = (lo + hi) / 2;
         if (positions[mid] < x)
@@ -263,7 +332,15 @@ float MultiCurve::evaluate(float x, int endMode) const {
         else
             hi = mid;
     }
-    const int i = lo - 1;
+    return lo - 1;
+}
+
+float MultiCurve::evaluateAt(float x, int endMode, const float* splineU) const {
+    const int n = count();
+    if (n == 0) return 0.0f;
+
+    // i: the largest index whose position is strictly below x.
+    const int i = lastBelow(x);
 
     // The keys on each side, stepping over handles.
     int left = i;
@@ -292,8 +369,14 @@ float MultiCurve::evaluate(float x, int endMode) const {
     // Otherwise each key's own rule, cross-faded over the segment.
     // A Bezier key without the handle its rule needs makes the whole value 0.
     bool noHandle = false;
-    const float vL = left >= 0 ? evaluateKey(left, left, right, x, noHandle) : 0.0f;
-    const float vR = right >= 0 ? evaluateKey(right, left, right, x, noHandle) : 0.0f;
+    const float vL = left >= 0 ? evaluateKey(left, left, right, x, splineU, noHandle) : 0.0f;
+    // Two linear or two spline keys share one rule over the whole curve: its value is computed
+    // once (the fade below still runs, so the result is the same to the bit).
+    const bool sameRule = left >= 0 && right >= 0 && kinds[left] == kinds[right] &&
+                          (kinds[left] == MCP_LINEAR || kinds[left] == MCP_SPLINE);
+    const float vR = sameRule     ? vL
+                     : right >= 0 ? evaluateKey(right, left, right, x, splineU, noHandle)
+                                  : 0.0f;
     if (noHandle) return 0.0f;
     if (left >= 0 && right >= 0) {
         const float f = (x - positions[left]) / (positions[right] - positions[left]);

@@ -53,6 +53,8 @@ public:
     /// The value at x. `endMode` 2 holds the end values outside the points; 1 leaves the ends
     /// to the extrapolation of the segment rules.
     float evaluate(float x, int endMode) const;
+    /// evaluate() at n arguments, with the same results, faster for long runs (tables).
+    void evaluateMany(const float* x, float* out, int n, int endMode) const;
 
     /// Inserts a spline key behind the last point at or below x. @return its index, or -1 when
     /// the curve would not be valid (it is then unchanged).
@@ -92,7 +94,16 @@ private:
     Snapshot takeSnapshot() const;
     void restore(const Snapshot& s);
     void removePoint(int index);
-    float evaluateKey(int key, int left, int right, float x, bool& noHandle) const;
+    /// The largest index whose position is strictly below x, or -1.
+    int lastBelow(float x) const;
+    /// The cubic piece that evaluate(x, endMode) reads between two Bezier keys, when it does.
+    bool bezierPiece(float x, int endMode, Bezier::Point piece[4]) const;
+    /// Whether evaluate(x, endMode) reads the spline rule.
+    bool needsSplineInverse(float x, int endMode) const;
+    /// `splineU`, when given, is splineX.inverse(x) found beforehand.
+    float evaluateAt(float x, int endMode, const float* splineU) const;
+    float evaluateKey(
+        int key, int left, int right, float x, const float* splineU, bool& noHandle) const;
     float evaluateLinear(float x) const;
 };
 

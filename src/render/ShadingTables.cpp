@@ -59,6 +59,14 @@ float logTransparency(float o, float sceneScale) {
     return std::log(o) * sceneScale;
 }
 
+/// Rows are computed in chunks: the arguments, then the curve and gradient over all of them
+/// at once, then each row.
+constexpr int CHUNK = 256;
+
+void chunkArguments(const TableRange& range, int base, int n, float* xs) {
+    for (int k = 0; k < n; ++k) xs[k] = ShadingTables::rowValue(range, base + k);
+}
+
 }  // namespace
 
 float PhysicalScale(const IExposureControl* exposure, double time) {
@@ -129,15 +137,20 @@ int ShadingTables::BuildEmissionTable(const VaporixParams& params,
     if (!ensureRows(emissionColorTable)) return -1;
     const FireScale fire(params, time, in, earg);
     const float emult = params.getFloat("emult", time);
-    for (int i = 0; i < SHADING_TABLE_ROWS; ++i) {
-        const float v = rowValue(emissionRange, i);
-        float power = curve.evaluate(v, EMISSION_END_MODE) * fire.at(v);
-        if (!std::isfinite(power) || power < 0.0f) power = 0.0f;
-        float rgb[3];
-        gradient.evaluate(v, rgb);
-        const float k = power * emult;
-        emissionColorTable[i] = TableColor{finiteOrZero(rgb[0] * k), finiteOrZero(rgb[1] * k),
-                                           finiteOrZero(rgb[2] * k)};
+    float xs[CHUNK], curveValues[CHUNK], rgb[3 * CHUNK];
+    for (int base = 0; base < SHADING_TABLE_ROWS; base += CHUNK) {
+        const int n = SHADING_TABLE_ROWS - base < CHUNK ? SHADING_TABLE_ROWS - base : CHUNK;
+        chunkArguments(emissionRange, base, n, xs);
+        curve.evaluateMany(xs, curveValues, n, EMISSION_END_MODE);
+        gradient.evaluateMany(xs, rgb, n);
+        for (int k = 0; k < n; ++k) {
+            float power = curveValues[k] * fire.at(xs[k]);
+            if (!std::isfinite(power) || power < 0.0f) power = 0.0f;
+            const float m = power * emult;
+            const float* c = rgb + 3 * k;
+            emissionColorTable[base + k] =
+                TableColor{finiteOrZero(c[0] * m), finiteOrZero(c[1] * m), finiteOrZero(c[2] * m)};
+        }
     }
     return 1;
 }
@@ -155,17 +168,21 @@ int ShadingTables::BuildEmissionOwnOpacityTable(const VaporixParams& params,
     const FireScale fire(params, time, in, earg);
     const float emult = params.getFloat("emult", time);
     const float etmult = params.getFloat("etmult", time);
-    for (int i = 0; i < SHADING_TABLE_ROWS; ++i) {
-        const float v = rowValue(emissionRange, i);
-        // The curve is the fire's own opacity; the row its log transparency.
-        const float o = finiteOrZero(curve.evaluate(v, EMISSION_END_MODE) * etmult);
-        emissionPowerTable[i] = logTransparency(1.0f - o, in.sceneScale);
-
-        float rgb[3];
-        gradient.evaluate(v, rgb);
-        const float k = finiteOrZero(fire.at(v) * emult * OWN_OPACITY_COLOR_FACTOR);
-        emissionColorTable[i] = TableColor{finiteOrZero(rgb[0] * k), finiteOrZero(rgb[1] * k),
-                                           finiteOrZero(rgb[2] * k)};
+    float xs[CHUNK], curveValues[CHUNK], rgb[3 * CHUNK];
+    for (int base = 0; base < SHADING_TABLE_ROWS; base += CHUNK) {
+        const int n = SHADING_TABLE_ROWS - base < CHUNK ? SHADING_TABLE_ROWS - base : CHUNK;
+        chunkArguments(emissionRange, base, n, xs);
+        curve.evaluateMany(xs, curveValues, n, EMISSION_END_MODE);
+        gradient.evaluateMany(xs, rgb, n);
+        for (int k = 0; k < n; ++k) {
+            // The curve is the fire's own opacity; the row its log transparency.
+            const float o = finiteOrZero(curveValues[k] * etmult);
+            emissionPowerTable[base + k] = logTransparency(1.0f - o, in.sceneScale);
+            const float m = finiteOrZero(fire.at(xs[k]) * emult * OWN_OPACITY_COLOR_FACTOR);
+            const float* c = rgb + 3 * k;
+            emissionColorTable[base + k] =
+                TableColor{finiteOrZero(c[0] * m), finiteOrZero(c[1] * m), finiteOrZero(c[2] * m)};
+        }
     }
     return 1;
 }
@@ -174,10 +191,13 @@ int ShadingTables::BuildDiffuseTable(const VaporixParams& params, double time) {
     ColorGradient gradient;
     if (!readGradient(params, "dcolor", params.getInt("darg", time), time, gradient)) return 0;
     if (!ensureRows(diffuseColorTable)) return -1;
-    for (int i = 0; i < SHADING_TABLE_ROWS; ++i) {
-        float rgb[3];
-        gradient.evaluate(rowValue(diffuseRange, i), rgb);
-        diffuseColorTable[i] = TableColor{rgb[0], rgb[1], rgb[2]};
+    float xs[CHUNK], rgb[3 * CHUNK];
+    for (int base = 0; base < SHADING_TABLE_ROWS; base += CHUNK) {
+        const int n = SHADING_TABLE_ROWS - base < CHUNK ? SHADING_TABLE_ROWS - base : CHUNK;
+        chunkArguments(diffuseRange, base, n, xs);
+        gradient.evaluateMany(xs, rgb, n);
+        for (int k = 0; k < n; ++k)
+            diffuseColorTable[base + k] = TableColor{rgb[3 * k], rgb[3 * k + 1], rgb[3 * k + 2]};
     }
     return 1;
 }
@@ -191,10 +211,16 @@ int ShadingTables::BuildOpacityTable(const VaporixParams& params,
     if (!readCurve(params, "tpower", targ, time, curve)) return 0;
     if (!ensureRows(opacityTable)) return -1;
     const bool opacityCurve = params.getInt("transpmode", time) != 0;
-    for (int i = 0; i < SHADING_TABLE_ROWS; ++i) {
-        float o = finiteOrZero(curve.evaluate(rowValue(opacityRange, i), OPACITY_END_MODE));
-        if (opacityCurve) o = 1.0f - o;
-        opacityTable[i] = logTransparency(o, in.sceneScale);
+    float xs[CHUNK], curveValues[CHUNK];
+    for (int base = 0; base < SHADING_TABLE_ROWS; base += CHUNK) {
+        const int n = SHADING_TABLE_ROWS - base < CHUNK ? SHADING_TABLE_ROWS - base : CHUNK;
+        chunkArguments(opacityRange, base, n, xs);
+        curve.evaluateMany(xs, curveValues, n, OPACITY_END_MODE);
+        for (int k = 0; k < n; ++k) {
+            float o = finiteOrZero(curveValues[k]);
+            if (opacityCurve) o = 1.0f - o;
+            opacityTable[base + k] = logTransparency(o, in.sceneScale);
+        }
     }
     return 1;
 }

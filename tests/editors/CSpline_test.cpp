@@ -151,3 +151,23 @@ TEST(CSpline, NonFiniteArgumentsStaySafe) {
     EXPECT_TRUE(std::isfinite(s.inverse(NAN)));
     EXPECT_TRUE(std::isinf(s.value(INFINITY)));
 }
+
+TEST(CSpline, BatchInverseEqualsOneByOne) {
+    for (int flags : {0, int{CSpline::MONOTONE}, int{CSpline::STRICT_INVERSE}}) {
+        for (const CSpline& s : {make({0.0f, 2.0f, 3.0f, 7.0f, 7.5f}, flags),
+                                 make({5.0f, 1.0f, 0.5f}, flags), make({1.0f}, flags)}) {
+            float ys[300], us[300];
+            for (int i = 0; i < 300; ++i) ys[i] = static_cast<float>(i) * 0.03f - 1.0f;
+            ys[7] = NAN;
+            ys[8] = 2.0f;  // a knot: the bisection may hit it exactly
+            s.inverseMany(ys, us, 300);
+            for (int i = 0; i < 300; ++i) {
+                const float one = s.inverse(ys[i]);
+                if (std::isnan(one))
+                    EXPECT_TRUE(std::isnan(us[i]));
+                else
+                    EXPECT_EQ(us[i], one) << i << " flags " << flags;
+            }
+        }
+    }
+}

@@ -149,3 +149,24 @@ TEST(ColorGradient, EqualsAndAssign) {
     b.position.set(0, NAN, true);
     EXPECT_FALSE(b.equals(b));  // NaN counts as different, even from itself
 }
+
+TEST(ColorGradient, BatchEvaluationEqualsOneByOne) {
+    ColorGradient g;
+    const float a[3] = {0.0f, 0.1f, 1.0f}, b[3] = {0.9f, 0.2f, 0.0f}, c[3] = {1.0f, 1.0f, 0.3f};
+    g.addKey(0.0f, a);
+    g.addKey(0.3f, b);
+    g.addKey(2.0f, c);
+    float xs[700];
+    for (int i = 0; i < 700; ++i) xs[i] = static_cast<float>(i) * 0.004f - 0.3f;
+    xs[5] = NAN;
+    float rgb[3 * 700];
+    g.evaluateMany(xs, rgb, 700);
+    for (int i = 0; i < 700; ++i) {
+        float one[3];
+        g.evaluate(xs[i], one);
+        for (int k = 0; k < 3; ++k) EXPECT_EQ(rgb[3 * i + k], one[k]) << i;
+    }
+    ColorGradient empty;
+    empty.evaluateMany(xs, rgb, 2);
+    EXPECT_EQ(rgb[0] + rgb[4], 0.0f);
+}

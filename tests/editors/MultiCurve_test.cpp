@@ -296,3 +296,30 @@ TEST(MultiCurve, NonFiniteInputsDoNotCrash) {
                                   {MCP_RIGHT_HANDLE, 0.0f, 1.0f}});
     EXPECT_FALSE(std::isfinite(flat.evaluate(1.0f, 1)));
 }
+
+TEST(MultiCurve, BatchEvaluationEqualsOneByOne) {
+    MultiCurve c = make({{MCP_LINEAR, 0.0f, 0.0f},
+                         {MCP_SPLINE, 800.0f, 0.1f},
+                         {MCP_SPLINE, 1500.0f, 0.6f},
+                         {MCP_LINEAR, 2200.0f, 0.8f},
+                         {MCP_SPLINE, 3000.0f, 1.0f},
+                         {MCP_SPLINE, 3200.0f, 0.2f}});
+    ASSERT_EQ(c.setKind(2, MCP_SMOOTH_BEZIER, 3500.0f), 1);
+    ASSERT_EQ(c.setKind(5, MCP_FREE_BEZIER, 3500.0f), 1);
+    ASSERT_EQ(c.movePoint(4, 1800.0f, 0.9f), 1);  // a handle off its key's height
+    std::vector<float> xs;
+    for (int i = -40; i < 4000; ++i) xs.push_back(static_cast<float>(i) * 0.9f);
+    for (float k : {0.0f, 800.0f, 1500.0f, 2200.0f, 3000.0f, 3200.0f, NAN, INFINITY, -1e30f})
+        xs.push_back(k);
+    std::vector<float> batch(xs.size());
+    for (int endMode : {1, 2}) {
+        c.evaluateMany(xs.data(), batch.data(), static_cast<int>(xs.size()), endMode);
+        for (size_t i = 0; i < xs.size(); ++i) {
+            const float one = c.evaluate(xs[i], endMode);
+            if (std::isnan(one))
+                EXPECT_TRUE(std::isnan(batch[i])) << xs[i];
+            else
+                EXPECT_EQ(batch[i], one) << xs[i] << " mode " << endMode;
+        }
+    }
+}
