@@ -22,6 +22,12 @@ JsonValue JsonValue::number(double d) {
     return v;
 }
 
+JsonValue JsonValue::single(float f) {
+    JsonValue v = number(static_cast<double>(f));
+    v.mSingle = true;
+    return v;
+}
+
 JsonValue JsonValue::string(std::string s) {
     JsonValue v;
     v.mKind = Kind::String;
@@ -108,12 +114,21 @@ void writeString(std::string& out, const std::string& s) {
     out += '"';
 }
 
-void writeNumber(std::string& out, double d) {
+void writeNumber(std::string& out, double d, bool single) {
     if (!std::isfinite(d)) {
         out += "null";
         return;
     }
     char buf[40];
+    if (single && !(d == std::floor(d) && std::fabs(d) < 1e15)) {
+        const float f = static_cast<float>(d);
+        for (int digits = 6; digits <= 9; ++digits) {
+            std::snprintf(buf, sizeof buf, "%.*g", digits, d);
+            if (std::strtof(buf, nullptr) == f) break;
+        }
+        out += buf;
+        return;
+    }
     // Integers print as integers; other values with the shortest of 9 (float) or 17 digits
     // that reads back exactly.
     if (d == std::floor(d) && std::fabs(d) < 1e15) {
@@ -141,7 +156,7 @@ void JsonValue::writeTo(std::string& out, int indent, int level) const {
             out += mBool ? "true" : "false";
             break;
         case Kind::Number:
-            writeNumber(out, mNumber);
+            writeNumber(out, mNumber, mSingle);
             break;
         case Kind::String:
             writeString(out, mString);

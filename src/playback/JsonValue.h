@@ -16,6 +16,8 @@ public:
     JsonValue() = default;
     static JsonValue boolean(bool b);
     static JsonValue number(double d);
+    /// A number that is a 32-bit float: written with the fewest digits that read back as it.
+    static JsonValue single(float f);
     static JsonValue string(std::string s);
     static JsonValue array();
     static JsonValue object();
@@ -56,6 +58,7 @@ private:
 
     Kind mKind = Kind::Null;
     bool mBool = false;
+    bool mSingle = false;
     double mNumber = 0.0;
     std::string mString;
     std::vector<JsonValue> mItems;

@@ -7,7 +7,7 @@ namespace vaporix {
 
 namespace {
 /// A float, or null for a non-finite one (JSON has no such numbers).
-JsonValue floatJson(float f) { return std::isfinite(f) ? JsonValue::number(f) : JsonValue(); }
+JsonValue floatJson(float f) { return std::isfinite(f) ? JsonValue::single(f) : JsonValue(); }
 }  // namespace
 
 JsonValue paramValueToJson(const ParamDef& def, const ParamValue& v) {

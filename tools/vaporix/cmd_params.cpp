@@ -1,0 +1,395 @@
+// vaporix params: the parameters of a grid object, and parameter sets as JSON files.
+#include <cctype>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "Command.h"
+#include "FileOut.h"
+#include "playback/JsonValue.h"
+#include "playback/MemoryParamStorage.h"
+#include "playback/ParamJson.h"
+#include "playback/ParamUpgrade.h"
+#include "playback/VaporixDefaults.h"
+#include "playback/VaporixParams.h"
+#include "render/Blackbody.h"
+
+namespace vaporix::cli {
+namespace {
+
+const char* USAGE =
+    "usage: vaporix params [--json] [--load FILE.json] [--set NAME=VALUE]... [--save FILE.json]\n"
+    "                      [--changed]\n"
+    "\n"
+    "Lists every parameter of a grid object with its block, id, type, default, range, control\n"
+    "and label. With --load or --set the list shows the values of that parameter set too.\n"
+    "  --json             machine-readable output\n"
+    "  --load FILE.json   read a parameter set ({\"params\": {...}}); sets of an older version\n"
+    "                     are upgraded\n"
+    "  --set NAME=VALUE   set a parameter (repeatable, applied after --load):\n"
+    "                       int 80 (or a combo's text: earg=Smoke), bool on/off, float 0.5,\n"
+    "                       point3 0.2,0.2,0.2, string text, node handle;\n"
+    "                       NAME[i]=VALUE sets item i of a tab, NAME@TICK=VALUE a key;\n"
+    "                       a JSON value sets a whole tab or keys: NAME=[1,2] NAME={\"keys\":...}\n"
+    "  --save FILE.json   write the parameter set instead of the list\n"
+    "  --changed          with --save: only the parameters that differ from their default\n";
+
+const char* blockLabel(int blockIndex) { return blockIndex == 0 ? "render" : "preview"; }
+
+std::string lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+std::string formatFloat(double d) {
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%g", d);
+    return buf;
+}
+
+/// A value as one short text for the list.
+std::string formatValue(const ParamDef& def, const ParamValue& v) {
+    switch (def.type) {
+        case ParamType::Int:
+            return std::to_string(v.i);
+        case ParamType::Bool:
+            return v.i ? "on" : "off";
+        case ParamType::Float:
+            return formatFloat(v.f);
+        case ParamType::Point3:
+            return "(" + formatFloat(v.v.x) + ", " + formatFloat(v.v.y) + ", " +
+                   formatFloat(v.v.z) + ")";
+        case ParamType::String:
+        case ParamType::Texmap:
+            return "\"" + v.s + "\"";
+        case ParamType::Node:
+            return v.node ? std::to_string(v.node) : "none";
+    }
+    return "";
+}
+
+std::string formatRange(const ParamDef& def) {
+    if (!def.range.given) return "";
+    return formatFloat(def.range.min) + ".." + formatFloat(def.range.max);
+}
+
+std::string typeText(const ParamDef& def) {
+    std::string t = paramTypeName(def.type);
+    if (def.isTab()) t += " tab";
+    if (def.isAnimatable()) t += ", anim";
+    return t;
+}
+
+std::string labelText(const ParamDef& def) {
+    if (def.values) {
+        std::string s;
+        for (const ParamChoice& c : paramChoices(def))
+            s += (s.empty() ? "" : ", ") + std::to_string(c.value) + " " + c.text;
+        return s;
+    }
+    return def.label ? def.label : "";
+}
+
+std::string controlText(const ParamDef& def) {
+    if (def.ui.kind == ControlKind::None) return "";
+    std::string s = "map " + std::to_string(def.ui.map) + " " + controlKindName(def.ui.kind) + " ";
+    for (int k = 0; k < def.ui.idCount; ++k) s += (k ? "/" : "") + std::to_string(def.ui.ids[k]);
+    if (def.ui.spinStep) s += "/" + std::to_string(def.ui.spinStep);
+    return s;
+}
+
+std::string currentText(const MemoryParamStorage& s, const ParamDef& def) {
+    if (def.isTab()) return "[" + std::to_string(s.count(def)) + " items]";
+    ParamValue v;
+    s.get(def, 0, 0, v);
+    std::string text = formatValue(def, v);
+    if (!s.keys(def, 0).empty()) text += " (keyed)";
+    return text;
+}
+
+void printList(const MemoryParamStorage* values, bool json) {
+    if (json) {
+        const JsonValue current = values ? paramsToJson(*values, false) : JsonValue();
+        JsonValue doc = JsonValue::object();
+        JsonValue& list = doc.set("params", JsonValue::array());
+        for (int b = 0; b < PARAM_BLOCK_COUNT; ++b) {
+            const ParamBlockDef& block = paramBlock(b);
+            for (int i = 0; i < block.count; ++i) {
+                const ParamDef& def = block.params[i];
+                JsonValue p = JsonValue::object();
+                p.set("block", JsonValue::string(blockLabel(b)));
+                p.set("blockId", JsonValue::number(block.id));
+                p.set("id", JsonValue::number(def.id));
+                p.set("name", JsonValue::string(def.name));
+                p.set("type", JsonValue::string(paramTypeName(def.type)));
+                p.set("tab", JsonValue::boolean(def.isTab()));
+                p.set("animatable", JsonValue::boolean(def.isAnimatable()));
+                p.set("transient", JsonValue::boolean(def.isTransient()));
+                p.set("default", def.def.given ? paramValueToJson(
+                                                     def, defaultValue(def, &gridObjectDefaults()))
+                                               : JsonValue());
+                if (def.range.given) {
+                    JsonValue r = JsonValue::array();
+                    r.push(JsonValue::number(def.range.min));
+                    r.push(JsonValue::number(def.range.max));
+                    p.set("range", std::move(r));
+                } else {
+                    p.set("range", JsonValue());
+                }
+                p.set("label", def.label ? JsonValue::string(def.label) : JsonValue());
+                if (def.ui.kind != ControlKind::None) {
+                    JsonValue c = JsonValue::object();
+                    c.set("map", JsonValue::number(def.ui.map));
+                    c.set("kind", JsonValue::string(controlKindName(def.ui.kind)));
+                    JsonValue ids = JsonValue::array();
+                    for (int k = 0; k < def.ui.idCount; ++k)
+                        ids.push(JsonValue::number(def.ui.ids[k]));
+                    c.set("ids", std::move(ids));
+                    if (def.ui.spinStep) c.set("step", JsonValue::number(def.ui.spinStep));
+                    p.set("control", std::move(c));
+                } else {
+                    p.set("control", JsonValue());
+                }
+                if (def.values) {
+                    JsonValue choices = JsonValue::array();
+                    for (const ParamChoice& ch : paramChoices(def)) {
+                        JsonValue c = JsonValue::object();
+                        c.set("value", JsonValue::number(ch.value));
+                        c.set("text", JsonValue::string(ch.text));
+                        choices.push(std::move(c));
+                    }
+                    p.set("values", std::move(choices));
+                }
+                if (values) {
+                    const JsonValue* v = current.find(def.name);  // transient ones are absent
+                    p.set("value", v ? *v : JsonValue());
+                }
+                list.push(std::move(p));
+            }
+        }
+        std::fputs(doc.write(2).c_str(), stdout);
+        return;
+    }
+    std::printf("%-8s %4s %-24s %-17s %-20s %-14s%s %-26s %s\n", "block", "id", "name", "type",
+                "default", "range", values ? " value                " : "", "control", "label");
+    for (int b = 0; b < PARAM_BLOCK_COUNT; ++b) {
+        const ParamBlockDef& block = paramBlock(b);
+        for (int i = 0; i < block.count; ++i) {
+            const ParamDef& def = block.params[i];
+            const std::string dflt =
+                def.def.given ? formatValue(def, defaultValue(def, &gridObjectDefaults())) : "-";
+            std::string value;
+            if (values) {
+                value = currentText(*values, def);
+                if (value.size() < 21) value.resize(21, ' ');
+                value = " " + value;
+            }
+            std::printf("%-8s %4d %-24s %-17s %-20s %-14s%s %-26s %s\n", blockLabel(b), def.id,
+                        def.name, typeText(def).c_str(), dflt.c_str(), formatRange(def).c_str(),
+                        value.c_str(), controlText(def).c_str(), labelText(def).c_str());
+        }
+    }
+}
+
+/// Parses one value of the parameter's type from the command line.
+bool parseValue(const ParamDef& def, const std::string& text, ParamValue& out) {
+    long long i = 0;
+    double d = 0.0;
+    switch (def.type) {
+        case ParamType::Int:
+            if (parseInt(text, i) && i >= -2147483648LL && i <= 2147483647LL) {
+                out.i = static_cast<int>(i);
+                return true;
+            }
+            for (const ParamChoice& c : paramChoices(def))
+                if (lower(c.text) == lower(text)) {
+                    out.i = c.value;
+                    return true;
+                }
+            return false;
+        case ParamType::Bool: {
+            const std::string t = lower(text);
+            if (t == "on" || t == "true" || t == "yes" || t == "1")
+                out.i = 1;
+            else if (t == "off" || t == "false" || t == "no" || t == "0")
+                out.i = 0;
+            else
+                return false;
+            return true;
+        }
+        case ParamType::Float:
+            if (!parseFloat(text, d)) return false;
+            out.f = static_cast<float>(d);
+            return true;
+        case ParamType::Point3: {
+            std::string t = text;
+            if (t.size() >= 2 && t.front() == '(' && t.back() == ')') t = t.substr(1, t.size() - 2);
+            float* c[3] = {&out.v.x, &out.v.y, &out.v.z};
+            size_t start = 0;
+            for (int k = 0; k < 3; ++k) {
+                const size_t comma = t.find(',', start);
+                if ((k < 2) != (comma != std::string::npos)) return false;
+                std::string part = t.substr(start, k < 2 ? comma - start : std::string::npos);
+                while (!part.empty() && part.front() == ' ') part.erase(0, 1);
+                while (!part.empty() && part.back() == ' ') part.pop_back();
+                if (!parseFloat(part, d)) return false;
+                *c[k] = static_cast<float>(d);
+                start = comma + 1;
+            }
+            return true;
+        }
+        case ParamType::String:
+        case ParamType::Texmap:
+            out.s = text;
+            return true;
+        case ParamType::Node:
+            if (!parseInt(text, i)) return false;
+            out.node = i;
+            return true;
+    }
+    return false;
+}
+
+/// Applies one NAME[i]@TICK=VALUE. An empty result means success.
+std::string applySet(const std::string& arg,
+                     MemoryParamStorage& storage,
+                     VaporixParamsMax& params) {
+    const size_t eq = arg.find('=');
+    if (eq == std::string::npos || eq == 0) return "--set needs NAME=VALUE, got '" + arg + "'";
+    std::string name = arg.substr(0, eq);
+    const std::string text = arg.substr(eq + 1);
+
+    long long tick = 0;
+    bool keyed = false;
+    if (const size_t at = name.find('@'); at != std::string::npos) {
+        if (!parseInt(name.substr(at + 1), tick) || tick < -2147483647LL || tick > 2147483647LL)
+            return "bad tick in '" + name + "'";
+        keyed = true;
+        name.resize(at);
+    }
+    long long item = 0;
+    bool indexed = false;
+    if (const size_t br = name.find('['); br != std::string::npos) {
+        if (name.back() != ']' || !parseInt(name.substr(br + 1, name.size() - br - 2), item) ||
+            item < 0 || item > 2147483647LL)
+            return "bad item index in '" + name + "'";
+        indexed = true;
+        name.resize(br);
+    }
+    const ParamDef* def = findParamDef(name);
+    if (!def) return "unknown parameter '" + name + "'";
+    if (keyed && !def->isAnimatable()) return "'" + name + "' cannot be keyed";
+    if (indexed && !def->isTab()) return "'" + name + "' is not a tab";
+
+    // A JSON value: a whole tab or keyed values, read as the files are.
+    if (!indexed && !keyed && !text.empty() && (text.front() == '[' || text.front() == '{') &&
+        (def->isTab() || text.front() == '{')) {
+        JsonValue j;
+        std::string error;
+        if (!JsonValue::parse(text, j, error)) return "'" + name + "': " + error;
+        JsonValue obj = JsonValue::object();
+        obj.set(name, std::move(j));
+        std::vector<std::string> warnings;
+        if (!paramsFromJson(obj, storage, warnings, error)) return error;
+        return "";
+    }
+    if (def->isTab() && !indexed) return "'" + name + "' is a tab: give NAME[i]=VALUE or a list";
+
+    ParamValue v;
+    if (!parseValue(*def, text, v))
+        return "'" + text + "' is no " + paramTypeName(def->type) + " value for '" + name + "'";
+    const int index = static_cast<int>(item);
+    if (indexed && index >= storage.count(*def) && !storage.setCount(*def, index + 1))
+        return "'" + name + "' cannot hold " + std::to_string(index + 1) + " items";
+    if (keyed) {
+        storage.setKey(*def, static_cast<TimeValue>(tick), index, clampToRange(*def, v));
+        return "";
+    }
+    // Through the accessors, as the panel or a script would set it.
+    bool ok = false;
+    switch (def->type) {
+        case ParamType::Int:
+        case ParamType::Bool:
+            ok = params.setInt(name.c_str(), 0, v.i, index);
+            break;
+        case ParamType::Float:
+            ok = params.setFloat(name.c_str(), 0, v.f, index);
+            break;
+        case ParamType::Point3:
+            ok = params.setVector(name.c_str(), 0, v.v, index);
+            break;
+        case ParamType::String:
+        case ParamType::Texmap:
+            ok = params.setString(name.c_str(), 0, v.s, index);
+            break;
+        case ParamType::Node:
+            ok = params.setNode(name.c_str(), 0, v.node, index);
+            break;
+    }
+    return ok ? "" : "could not set '" + name + "'";
+}
+
+int run(int argc, char** argv) {
+    Args args;
+    std::string error;
+    if (!args.parse(argc, argv, 2,
+                    {{"--json"},
+                     {"--load", 1},
+                     {"--set", 1, true},
+                     {"--save", 1},
+                     {"--changed"},
+                     {"--help"},
+                     {"-h"}},
+                    error))
+        return usageError("params", error);
+    if (args.has("--help") || args.has("-h")) {
+        std::fputs(USAGE, stdout);
+        return EXIT_OK;
+    }
+    if (!args.positional.empty()) return usageError("params", "unexpected " + args.positional[0]);
+    if (args.has("--changed") && !args.has("--save"))
+        return usageError("params", "--changed goes with --save");
+
+    MemoryParamStorage storage;
+    VaporixParamsMax params(storage);
+    const bool haveSet = args.has("--load") || args.has("--set");
+
+    if (args.has("--load")) {
+        const std::string path = args.value("--load");
+        std::vector<uint8_t> bytes;
+        if (!readWholeFile(path, bytes)) return failure("params", path + ": cannot be read");
+        std::vector<std::string> warnings;
+        if (!readParamsDocument(std::string(bytes.begin(), bytes.end()), storage, warnings, error))
+            return failure("params", path + ": " + error);
+        for (const std::string& w : warnings)
+            std::fprintf(stderr, "vaporix params: %s\n", w.c_str());
+        const int version = params.getInt("version");
+        if (version < PARAMS_VERSION) {
+            UpgradeContext context;
+            context.blackbodyLuminance = [](float kelvin) { return blackbodyLuminance(kelvin); };
+            upgradeParams(params, version, context);
+            std::fprintf(stderr, "vaporix params: upgraded a version %d set to %d\n", version,
+                         PARAMS_VERSION);
+        }
+    }
+    for (const auto& use : args.uses("--set")) {
+        const std::string problem = applySet(use[0], storage, params);
+        if (!problem.empty()) return usageError("params", problem);
+    }
+
+    if (args.has("--save")) {
+        const std::string path = args.value("--save");
+        const std::string text = writeParamsDocument(storage, args.has("--changed"));
+        if (!writeFileAtomically(path, text.data(), text.size()))
+            return failure("params", path + ": cannot be written");
+        return EXIT_OK;
+    }
+    printList(haveSet ? &storage : nullptr, args.has("--json"));
+    return EXIT_OK;
+}
+
+}  // namespace
+
+VAPORIX_COMMAND("params", "list grid object parameters; read and write parameter sets", run);
+
+}  // namespace vaporix::cli
