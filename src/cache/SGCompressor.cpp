@@ -161,6 +161,36 @@ bool singleStreamCells(const uint8_t* data, uint64_t size, uint64_t limit, uint6
     return cellProduct(dims, N, limit, cells);
 }
 
+// In-place running sum of n integers (wrapping): a[k] = a[0] + ... + a[k]. Four at a time in
+// a register where the machine has SSE2.
+inline void prefixSum(AliasInt32* a, int64_t n) {
+    int64_t i = 0;
+    uint32_t carry = 0;
+#if defined(__SSE2__)
+    __m128i c = _mm_setzero_si128();
+    for (; i + 4 <= n; i += 4) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + i));
+        v = _mm_add_epi32(v, _mm_slli_si128(v, 4));
+        v = _mm_add_epi32(v, _mm_slli_si128(v, 8));
+        v = _mm_add_epi32(v, c);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(a + i), v);
+        c = _mm_shuffle_epi32(v, 0xFF);
+    }
+    carry = static_cast<uint32_t>(_mm_cvtsi128_si32(c));
+#endif
+    for (; i < n; ++i) {
+        carry += static_cast<uint32_t>(a[i]);
+        a[i] = static_cast<int32_t>(carry);
+    }
+}
+
+// Undoes difference passes `passes` down to 1 along one line: pass p keeps the first p values
+// and sums from there, a running sum that starts at index p - 1.
+inline void undoLine(AliasInt32* line, int64_t n, int passes) {
+    for (int p = passes; p >= 1; --p)
+        if (n > p) prefixSum(line + p - 1, n - p + 1);
+}
+
 // Converts integers to floats: value = integer * inverse + minimum, in float32.
 inline void dequantise(const int32_t* q, float* out, uint64_t n, float inverse, float minimum) {
     for (uint64_t i = 0; i < n; ++i) out[i] = static_cast<float>(q[i]) * inverse + minimum;
@@ -370,13 +400,8 @@ bool SGCompressor<N>::decodeStreaming(float* out,
         if (!mCoder.expand(slice, static_cast<uint64_t>(plane), run)) return false;
 
         // x: each row, passes from the last to the first.
-        if (passes > 0 && nx > 1) {
-            for (int64_t y = 0; y < ny; ++y) {
-                int32_t* row = slice + y * nx;
-                for (int p = passes; p >= 1; --p)
-                    for (int64_t k = p; k < nx; ++k) row[k] = wrapAdd(row[k], row[k - 1]);
-            }
-        }
+        if (passes > 0 && nx > 1)
+            for (int64_t y = 0; y < ny; ++y) undoLine(slice + y * nx, nx, passes);
         // y: whole rows at a time.
         for (int p = passes; p >= 1; --p)
             for (int64_t y = p; y < ny; ++y) {
@@ -445,10 +470,7 @@ bool SGCompressor<N>::decodeWhole(float* out,
     const int64_t plane = nx * ny;
     for (int p = passes; p >= 1; --p) {
         if (nx > p)
-            for (int64_t r = 0; r < ny * nz; ++r) {
-                AliasInt32* row = q + r * nx;
-                for (int64_t k = p; k < nx; ++k) row[k] = wrapAdd(row[k], row[k - 1]);
-            }
+            for (int64_t r = 0; r < ny * nz; ++r) prefixSum(q + r * nx + p - 1, nx - p + 1);
         if (ny > p)
             for (int64_t z = 0; z < nz; ++z)
                 for (int64_t y = p; y < ny; ++y) {
@@ -720,16 +742,38 @@ int64_t SGCompressor<N>::encodeZoned(
             return 0;
         }
     }
+    // Slabs of equal decoding work rather than equal thickness: a slice costs about one unit a
+    // cell plus four for each cell that starts something new (a value unlike the one before
+    // it), as measured on smoke and fire fields (undoing the differences costs every cell alike,
+    // coded symbols cost extra).
+    iArray<uint64_t, long long> work;
+    if (!work.resize(length + 1, nullptr, true)) return 0;
+    work.data[0] = 0;
+    for (int64_t z = 0; z < length; ++z) {
+        const float* v = values + z * slab;
+        uint64_t changes = 0;
+        for (int64_t i = 1; i < slab; ++i) changes += v[i] != v[i - 1];
+        work.data[z + 1] = work.data[z] + static_cast<uint64_t>(slab) + 4 * changes;
+    }
+    int64_t from = 0;
     for (int i = 0; i < count; ++i) {
         ZoneTask& task = *mTasks.data[i];
-        const int64_t from = length * i / count;
-        const int64_t to = length * (i + 1) / count;
+        // The first slice at which the running work reaches this zone's share, leaving at least
+        // one slice to each zone after it.
+        int64_t to = length;
+        if (i + 1 < count) {
+            const uint64_t share = static_cast<uint64_t>(
+                static_cast<unsigned __int128>(work.data[length]) * (i + 1) / count);
+            to = std::lower_bound(work.data + from + 1, work.data + length + 1, share) - work.data;
+            to = std::clamp<int64_t>(to, from + 1, length - (count - 1 - i));
+        }
         std::memcpy(task.dimensions, d, sizeof d);
         task.dimensions[N - 1] = static_cast<int32_t>(to - from);
         task.values = values ? values + from * slab : nullptr;
         task.count = static_cast<uint64_t>((to - from) * slab);
         task.position = static_cast<uint64_t>(from * slab);
         task.ok = false;
+        from = to;
     }
 
     // The zones, in parallel where the engine has threads.

@@ -70,10 +70,10 @@ public:
     int64_t encode(
         const float* values, const int dims[N], int quantBits, float quantStep, int passes);
 
-    /// Encodes the field cut along its last axis into `zones` slabs of (nearly) equal
-    /// thickness, each an independent single stream, in a zoned stream (magic 64514) that
-    /// decodes in parallel. The zones are encoded in parallel too. More zones than the last axis
-    /// has cells are cut down to that. @return the size in bytes, 0 on failure.
+    /// Encodes the field cut along its last axis into `zones` slabs of about equal decoding
+    /// work (at least one slice each), each an independent single stream, in a zoned stream (magic
+    /// 64514) that decodes in parallel. The zones are encoded in parallel too. More zones than the
+    /// last axis has cells are cut down to that. @return the size in bytes, 0 on failure.
     int64_t encodeZoned(const float* values,
                         const int dims[N],
                         int quantBits,

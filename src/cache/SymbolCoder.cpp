@@ -30,6 +30,8 @@ constexpr int MAX_CODE_DEPTH = 63;
 // Look-up entries: the symbol in the low 32 bits, the bits to consume in bits 32..39, and flags.
 constexpr uint64_t LOOKUP_CONTINUE = uint64_t(1) << 40;  // low bits: tree node to go on from
 constexpr uint64_t LOOKUP_NEGATIVE = uint64_t(1) << 41;  // symbol below 0: a run marker
+// Low bits: offset of a further table, indexed by the next (bits 48..55) bits.
+constexpr uint64_t LOOKUP_SUBTABLE = uint64_t(1) << 42;
 
 int bitLength(uint64_t v) { return v ? 64 - std::countl_zero(v) : 0; }
 
@@ -432,37 +434,85 @@ bool SymbolCoder::readTableAndTree() {
 }
 
 bool SymbolCoder::buildLookup() {
-    const int bits = mLookupBits;
-    const long long size = 1ll << bits;
-    if (!mLookup.resize(size, nullptr, true)) return false;
-    // Walk the tree to the look-up depth: leaves fill every index that starts with their code,
-    // deeper nodes are entered for their prefix and continued bit by bit.
-    struct Visit {
+    // Heights of the subtrees (children always come after their parent in the node array).
+    const long long nodes = mNodes.count;
+    if (!mHeights.resize(nodes, nullptr, true)) return false;
+    for (long long i = nodes - 1; i >= 0; --i) {
+        const Node& node = mNodes.data[i];
+        mHeights.data[i] = node.child[0] < 0
+                               ? 0
+                               : static_cast<uint16_t>(std::min(
+                                     65535, 1 + std::max<int>(mHeights.data[node.child[0]],
+                                                              mHeights.data[node.child[1]])));
+    }
+
+    // The first level: LOOKUP_BITS bits (fewer for shallow trees). Deeper codes go on in tables
+    // of up to SUBTABLE_BITS bits each, as long as the budget lasts, then bit by bit.
+    const long long first = 1ll << mLookupBits;
+    const long long budget = first + 16 * (mTableSymbols.count + 4);
+    if (!mLookup.resize(first, nullptr, true)) return false;
+    struct Level {
         int32_t node;
-        int32_t depth;
-        uint32_t code;
+        int32_t bits;
+        long long offset;
     };
-    Visit stack[LOOKUP_BITS + 2];
-    int top = 0;
-    stack[top++] = Visit{0, 0, 0};
-    while (top > 0) {
-        const Visit v = stack[--top];
-        const Node& node = mNodes.data[v.node];
-        if (node.child[0] < 0) {
-            const uint32_t symbol =
-                static_cast<uint32_t>(node.value) + static_cast<uint32_t>(mBase);
-            uint64_t entry = symbol | (static_cast<uint64_t>(v.depth) << 32);
-            if (static_cast<int32_t>(symbol) < 0) entry |= LOOKUP_NEGATIVE;
-            for (long long i = v.code; i < size; i += 1ll << v.depth) mLookup.data[i] = entry;
-        } else if (v.depth == bits) {
-            mLookup.data[v.code] = static_cast<uint32_t>(v.node) |
-                                   (static_cast<uint64_t>(bits) << 32) | LOOKUP_CONTINUE;
-        } else {
-            stack[top++] = Visit{node.child[1], v.depth + 1, v.code | (1u << v.depth)};
-            stack[top++] = Visit{node.child[0], v.depth + 1, v.code};
+    iArray<Level, long long> levels;
+    if (!levels.append(Level{0, mLookupBits, 0})) return false;
+    for (long long l = 0; l < levels.count; ++l) {
+        const Level level = levels.data[l];
+        const long long size = 1ll << level.bits;
+        struct Visit {
+            int32_t node;
+            int32_t depth;
+            uint32_t code;
+        };
+        Visit stack[LOOKUP_BITS + SUBTABLE_BITS + 2];
+        int top = 0;
+        stack[top++] = Visit{level.node, 0, 0};
+        while (top > 0) {
+            const Visit v = stack[--top];
+            const Node& node = mNodes.data[v.node];
+            if (node.child[0] < 0) {
+                const uint32_t symbol =
+                    static_cast<uint32_t>(node.value) + static_cast<uint32_t>(mBase);
+                uint64_t entry = symbol | (static_cast<uint64_t>(v.depth) << 32);
+                if (static_cast<int32_t>(symbol) < 0) entry |= LOOKUP_NEGATIVE;
+                for (long long i = v.code; i < size; i += 1ll << v.depth)
+                    mLookup.data[level.offset + i] = entry;
+            } else if (v.depth == level.bits) {
+                const int sub = std::min<int>(SUBTABLE_BITS, mHeights.data[v.node]);
+                uint64_t entry = static_cast<uint64_t>(level.bits) << 32;
+                const long long at = mLookup.count;
+                if (at + (1ll << sub) <= budget &&
+                    mLookup.resize(at + (1ll << sub), nullptr, true)) {
+                    entry |= static_cast<uint32_t>(at) | LOOKUP_SUBTABLE |
+                             (static_cast<uint64_t>(sub) << 48);
+                    if (!levels.append(Level{v.node, sub, at})) return false;
+                } else {
+                    if (mLookup.count < at) return false;  // a failed resize emptied it
+                    entry |= static_cast<uint32_t>(v.node) | LOOKUP_CONTINUE;
+                }
+                mLookup.data[level.offset + v.code] = entry;
+            } else {
+                stack[top++] = Visit{node.child[1], v.depth + 1, v.code | (1u << v.depth)};
+                stack[top++] = Visit{node.child[0], v.depth + 1, v.code};
+            }
         }
     }
     return true;
+}
+
+int32_t SymbolCoder::resolveLong(uint64_t e) {
+    while (e & LOOKUP_SUBTABLE) {
+        const int bits = static_cast<int>((e >> 48) & 0xFF);
+        if (mBits < bits) refill();
+        e = mLookup.data[static_cast<uint32_t>(e) + (mBuf & ((uint64_t(1) << bits) - 1))];
+        const int length = static_cast<int>((e >> 32) & 0xFF);
+        mBuf >>= length;
+        mBits -= length;
+    }
+    if (e & LOOKUP_CONTINUE) return walkFrom(static_cast<int32_t>(static_cast<uint32_t>(e)));
+    return static_cast<int32_t>(static_cast<uint32_t>(e));
 }
 
 int32_t SymbolCoder::walkFrom(int32_t index) {
@@ -488,7 +538,7 @@ int32_t SymbolCoder::next() {
     const int length = static_cast<int>((e >> 32) & 0xFF);
     mBuf >>= length;
     mBits -= length;
-    if (e & LOOKUP_CONTINUE) return walkFrom(static_cast<int32_t>(static_cast<uint32_t>(e)));
+    if (e & (LOOKUP_CONTINUE | LOOKUP_SUBTABLE)) return resolveLong(e);
     return static_cast<int32_t>(static_cast<uint32_t>(e));
 }
 
@@ -545,7 +595,7 @@ bool SymbolCoder::expandForm(int32_t* out, uint64_t n, RunState& st) {
                 mBits -= length;
                 s = static_cast<int32_t>(static_cast<uint32_t>(e));
                 if (e >> 40) {
-                    if (e & LOOKUP_CONTINUE) s = walkFrom(s);
+                    if (e & (LOOKUP_CONTINUE | LOOKUP_SUBTABLE)) s = resolveLong(e);
                     if (s < 0) break;
                 }
             }
@@ -595,6 +645,7 @@ void SymbolCoder::release() {
     mPrefix.free();
     mTableSymbols.free();
     mLookup.free();
+    mHeights.free();
 }
 
 bool DecodeAndExpand(SymbolCoder& coder, int32_t* out, int64_t count, int32_t base) {

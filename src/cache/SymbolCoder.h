@@ -60,8 +60,10 @@ public:
     /// Frees the working tables.
     void release();
 
-    /// Longest code the decoder resolves with one table look-up.
+    /// Longest code the decoder resolves with one table look-up; longer ones go on through
+    /// further tables of SUBTABLE_BITS bits.
     static constexpr int LOOKUP_BITS = 11;
+    static constexpr int SUBTABLE_BITS = 6;
 
 private:
     struct Node {
@@ -85,6 +87,7 @@ private:
     uint64_t takeBits(int n);
     uint64_t readField(int n);
     int32_t walkFrom(int32_t node);
+    int32_t resolveLong(uint64_t entry);
     template <bool Flat>
     bool expandForm(int32_t* out, uint64_t n, RunState& state);
 
@@ -118,6 +121,7 @@ private:
     iArray<uint64_t, long long> mPrefix;
     iArray<int32_t, long long> mTableSymbols;
     iArray<uint64_t, long long> mLookup;
+    iArray<uint16_t, long long> mHeights;
     int mLookupBits = 0;
 };
 

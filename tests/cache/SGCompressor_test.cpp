@@ -297,8 +297,18 @@ TEST(SGCompressor, ZonedStreamsDecodeLikeTheirSlabs) {
 
         // Expected: each slab encoded on its own, decoded into its place.
         std::vector<float> expected(field.size());
+        // Slabs as the stream places them: in order, each at least one slice thick.
+        std::vector<int> bounds;
         for (int i = 0; i < count; ++i) {
-            const int z0 = nz * i / count, z1 = nz * (i + 1) / count;
+            int32_t position;
+            std::memcpy(&position, zoned.data() + 4 + 4 * i, 4);
+            ASSERT_EQ(position % (nx * ny), 0);
+            bounds.push_back(position / (nx * ny));
+        }
+        bounds.push_back(nz);
+        for (int i = 0; i < count; ++i) {
+            const int z0 = bounds[i], z1 = bounds[i + 1];
+            ASSERT_LT(z0, z1);
             const int slab[3] = {nx, ny, z1 - z0};
             SGCompressor<3> single;
             ASSERT_GT(single.encode(field.data() + size_t(z0) * nx * ny, slab, 12, 0, 2), 0);
@@ -434,16 +444,19 @@ TEST(SGCompressor, MalformedZonesAreRejected) {
         std::memcpy(s.data() + 4 + 4 * (table * 2 + i), &v, 4);
         return s;
     };
-    const int32_t half = 6 * 5 * 4;
+    int32_t half;  // where the second zone starts
+    std::memcpy(&half, good.data() + 8, 4);
+    ASSERT_GT(half, 0);
     // Overlap, gap, beyond the destination, negative, past the input.
     EXPECT_FALSE(codec.decode(zone(good, 1, 0, half - 1).data(), good.size(), out.data(), 240));
     EXPECT_FALSE(codec.decode(zone(good, 1, 0, half + 1).data(), good.size(), out.data(), 240));
     EXPECT_FALSE(codec.decode(zone(good, 0, 0, half).data(), good.size(), out.data(), 240));
+    EXPECT_FALSE(codec.decode(zone(good, 1, 0, 0).data(), good.size(), out.data(), 240));
     EXPECT_FALSE(codec.decode(zone(good, 0, 0, -1).data(), good.size(), out.data(), 240));
     EXPECT_FALSE(codec.decode(zone(good, 1, 1, 100000).data(), good.size(), out.data(), 240));
     EXPECT_FALSE(codec.decode(zone(good, 1, 1, -4).data(), good.size(), out.data(), 240));
     // Swapped zones are fine: the destination positions place them.
-    auto swapped = zone(zone(good, 0, 0, half), 1, 0, 0);
+    auto swapped = zone(zone(good, 0, 0, half), 1, 0, 0);  // streams swapped below
     int32_t s0, s1;
     std::memcpy(&s0, good.data() + 12, 4);
     std::memcpy(&s1, good.data() + 16, 4);

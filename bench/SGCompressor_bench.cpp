@@ -1,0 +1,260 @@
+// Grid codec against zlib-6 and zstd-3 on procedural smoke and fire: decode throughput on one
+// core, compression ratio, zoned decode on two threads, encode speed. A summary of ratios
+// against the baselines of the same run follows the table.
+#include <benchmark/benchmark.h>
+#include <zlib.h>
+#include <zstd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "ProceduralFields.h"
+#include "cache/SGCompressor.h"
+
+using namespace vaporix;
+using vaporix::bench::ProceduralField;
+
+namespace {
+
+constexpr int QUANT_BITS = 16;
+
+const ProceduralField& field(int which) {
+    static const ProceduralField smoke = bench::smokeDensity();
+    static const ProceduralField fire = bench::fireTemperature();
+    return which == 0 ? smoke : fire;
+}
+const char* fieldName(int which) { return which == 0 ? "smoke" : "fire"; }
+
+// Sizes of each stream, for the summary.
+std::map<std::string, double>& sizes() {
+    static std::map<std::string, double> s;
+    return s;
+}
+
+// The output of a decode: allocated and touched once, reused by every iteration.
+std::vector<float>& outputBuffer(uint64_t cells) {
+    static std::vector<float> out;
+    if (out.size() < cells) out.assign(cells, 1.0f);
+    return out;
+}
+
+// A compressor whose zones run on `threads` pool threads.
+struct Threaded : SGCompressor<3> {
+    Threaded(ThreadManager* manager, int threads) : SGCompressor<3>(manager), mThreads(threads) {}
+    int defaultThreads() override { return mThreads; }
+    int mThreads;
+};
+
+PosixThreadManager& pool() {
+    static PosixThreadManager* manager = new PosixThreadManager;
+    return *manager;
+}
+
+std::vector<uint8_t> encodeOnce(const ProceduralField& f, int passes, int zones) {
+    SGCompressor<3> codec(&pool());
+    const int dims[3] = {f.nx, f.ny, f.nz};
+    codec.encodeZoned(f.values.data(), dims, QUANT_BITS, 0, passes, zones);
+    return std::vector<uint8_t>(codec.output.data, codec.output.data + codec.output.count);
+}
+
+void BM_CodecDecode(benchmark::State& state) {
+    const int which = static_cast<int>(state.range(0));
+    const int passes = static_cast<int>(state.range(1));
+    const int zones = static_cast<int>(state.range(2));
+    const int threads = static_cast<int>(state.range(3));
+    const ProceduralField& f = field(which);
+    const auto stream = encodeOnce(f, passes, zones);
+    Threaded codec(&pool(), threads);
+    auto& out = outputBuffer(f.cells());
+    for (auto _ : state) {
+        if (!codec.decode(stream.data(), stream.size(), out.data(), f.cells())) {
+            state.SkipWithError("decode failed");
+            break;
+        }
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * f.bytes()));
+    state.counters["stream_MB"] = static_cast<double>(stream.size()) / 1e6;
+    state.counters["ratio_vs_raw"] =
+        static_cast<double>(f.bytes()) / static_cast<double>(stream.size());
+    sizes()[std::string("codec/") + fieldName(which) + "/p" + std::to_string(passes) + "/z" +
+            std::to_string(zones)] = static_cast<double>(stream.size());
+    state.SetLabel(std::string(fieldName(which)) + " passes " + std::to_string(passes) + " zones " +
+                   std::to_string(zones) + " threads " + std::to_string(threads));
+}
+
+void BM_ZlibDecode(benchmark::State& state) {
+    const int which = static_cast<int>(state.range(0));
+    const ProceduralField& f = field(which);
+    uLongf bound = compressBound(static_cast<uLong>(f.bytes()));
+    std::vector<uint8_t> packed(bound);
+    compress2(packed.data(), &bound, reinterpret_cast<const Bytef*>(f.values.data()),
+              static_cast<uLong>(f.bytes()), 6);
+    packed.resize(bound);
+    auto& out = outputBuffer(f.cells());
+    for (auto _ : state) {
+        uLongf size = static_cast<uLongf>(f.bytes());
+        if (uncompress(reinterpret_cast<Bytef*>(out.data()), &size, packed.data(),
+                       static_cast<uLong>(packed.size())) != Z_OK) {
+            state.SkipWithError("inflate failed");
+            break;
+        }
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * f.bytes()));
+    state.counters["stream_MB"] = static_cast<double>(packed.size()) / 1e6;
+    sizes()[std::string("zlib6/") + fieldName(which)] = static_cast<double>(packed.size());
+    state.SetLabel(fieldName(which));
+}
+
+void BM_ZstdDecode(benchmark::State& state) {
+    const int which = static_cast<int>(state.range(0));
+    const ProceduralField& f = field(which);
+    std::vector<uint8_t> packed(ZSTD_compressBound(f.bytes()));
+    packed.resize(ZSTD_compress(packed.data(), packed.size(), f.values.data(), f.bytes(), 3));
+    ZSTD_DCtx* context = ZSTD_createDCtx();
+    auto& out = outputBuffer(f.cells());
+    for (auto _ : state) {
+        const size_t n =
+            ZSTD_decompressDCtx(context, out.data(), f.bytes(), packed.data(), packed.size());
+        if (n != f.bytes()) {
+            state.SkipWithError("zstd failed");
+            break;
+        }
+        benchmark::ClobberMemory();
+    }
+    ZSTD_freeDCtx(context);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * f.bytes()));
+    state.counters["stream_MB"] = static_cast<double>(packed.size()) / 1e6;
+    sizes()[std::string("zstd3/") + fieldName(which)] = static_cast<double>(packed.size());
+    state.SetLabel(fieldName(which));
+}
+
+void BM_CodecEncode(benchmark::State& state) {
+    const int which = static_cast<int>(state.range(0));
+    const int passes = static_cast<int>(state.range(1));
+    const ProceduralField& f = field(which);
+    SGCompressor<3> codec(&pool());
+    const int dims[3] = {f.nx, f.ny, f.nz};
+    for (auto _ : state) {
+        if (codec.encode(f.values.data(), dims, QUANT_BITS, 0, passes) <= 0) {
+            state.SkipWithError("encode failed");
+            break;
+        }
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * f.bytes()));
+    state.SetLabel(std::string(fieldName(which)) + " passes " + std::to_string(passes));
+}
+
+void BM_ZstdEncode(benchmark::State& state) {
+    const int which = static_cast<int>(state.range(0));
+    const ProceduralField& f = field(which);
+    std::vector<uint8_t> packed(ZSTD_compressBound(f.bytes()));
+    ZSTD_CCtx* context = ZSTD_createCCtx();
+    for (auto _ : state) {
+        const size_t n =
+            ZSTD_compressCCtx(context, packed.data(), packed.size(), f.values.data(), f.bytes(), 3);
+        benchmark::DoNotOptimize(n);
+    }
+    ZSTD_freeCCtx(context);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * f.bytes()));
+    state.SetLabel(fieldName(which));
+}
+
+// field, passes, zones, threads
+BENCHMARK(BM_CodecDecode)
+    ->Args({0, 2, 1, 1})
+    ->Args({0, 1, 1, 1})
+    ->Args({1, 2, 1, 1})
+    ->Args({1, 1, 1, 1})
+    ->Args({0, 2, 2, 1})
+    ->Args({0, 2, 2, 2})
+    ->Args({1, 2, 2, 2})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_ZlibDecode)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ZstdDecode)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_CodecEncode)
+    ->Args({0, 2})
+    ->Args({0, 1})
+    ->Args({1, 2})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_ZstdEncode)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Keeps the throughput of every run for the summary.
+class Recorder : public benchmark::ConsoleReporter {
+public:
+    std::map<std::string, double> bytesPerSecond;
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs) {
+            const auto it = run.counters.find("bytes_per_second");
+            if (it != run.counters.end()) bytesPerSecond[run.benchmark_name()] = it->second.value;
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+};
+
+double get(const std::map<std::string, double>& m, const std::string& key) {
+    const auto it = m.find(key);
+    return it == m.end() ? 0.0 : it->second;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    Recorder recorder;
+    benchmark::RunSpecifiedBenchmarks(&recorder);
+    benchmark::Shutdown();
+
+    const auto& t = recorder.bytesPerSecond;
+    const auto& s = sizes();
+    auto decode = [&](const char* args) {
+        return get(t, std::string("BM_CodecDecode/") + args + "/real_time");
+    };
+    std::printf("\nSummary (ratios against baselines of this run; MB/s of float output)\n");
+    for (int which = 0; which < 2; ++which) {
+        const std::string name = fieldName(which);
+        const std::string w = std::to_string(which);
+        const double single2 = decode((w + "/2/1/1").c_str());
+        const double single1 = decode((w + "/1/1/1").c_str());
+        const double zlib = get(t, "BM_ZlibDecode/" + w + "/real_time");
+        const double zstd = get(t, "BM_ZstdDecode/" + w + "/real_time");
+        const double zstdSize = get(s, "zstd3/" + name);
+        const double zlibSize = get(s, "zlib6/" + name);
+        std::printf(
+            "%-6s decode 1 thread, passes 2: %7.0f MB/s  = %.2fx zlib-6 (%.0f), %.2fx zstd-3 "
+            "(%.0f)\n",
+            name.c_str(), single2 / 1e6, single2 / zlib, zlib / 1e6, single2 / zstd, zstd / 1e6);
+        std::printf("%-6s decode 1 thread, passes 1: %7.0f MB/s\n", name.c_str(), single1 / 1e6);
+        for (int passes : {1, 2}) {
+            const double size = get(s, "codec/" + name + "/p" + std::to_string(passes) + "/z1");
+            if (size > 0)
+                std::printf(
+                    "%-6s size passes %d: %.3f MB, %.2fx smaller than zstd-3 (%.3f MB), "
+                    "%.2fx than zlib-6 (%.3f MB)\n",
+                    name.c_str(), passes, size / 1e6, zstdSize / size, zstdSize / 1e6,
+                    zlibSize / size, zlibSize / 1e6);
+        }
+        const double zoned2 = decode((w + "/2/2/2").c_str());
+        if (zoned2 > 0)
+            std::printf(
+                "%-6s zoned decode, 2 zones on 2 threads: %.0f MB/s = %.2fx single stream\n",
+                name.c_str(), zoned2 / 1e6, zoned2 / single2);
+        const double zoned1 = decode((w + "/2/2/1").c_str());
+        if (zoned1 > 0)
+            std::printf("%-6s zoned decode, 2 zones on 1 thread: %.0f MB/s = %.2fx single stream\n",
+                        name.c_str(), zoned1 / 1e6, zoned1 / single2);
+        const double encode = get(t, "BM_CodecEncode/" + w + "/2/real_time");
+        const double zstdEncode = get(t, "BM_ZstdEncode/" + w + "/real_time");
+        std::printf("%-6s encode passes 2: %.0f MB/s = %.2fx zstd-3 (%.0f)\n", name.c_str(),
+                    encode / 1e6, encode / zstdEncode, zstdEncode / 1e6);
+    }
+    return 0;
+}
