@@ -1,5 +1,5 @@
 # Front door: `make demo` and `make test` on a fresh Debian 12 machine.
-.PHONY: all deps build demo test test-asan test-tsan fuzz bench format clean
+.PHONY: all deps build demo test test-asan test-tsan fuzz fuzz-smoke bench format clean
 
 JOBS ?= 2
 DEMO_DIR ?= $(CURDIR)/out/demo
@@ -21,6 +21,7 @@ test: deps
 	cmake --preset ci >/dev/null
 	cmake --build --preset ci -j $(JOBS)
 	ctest --preset ci
+	$(MAKE) --no-print-directory fuzz-smoke
 
 test-tsan: deps
 	cmake --preset tsan >/dev/null
@@ -30,6 +31,11 @@ test-tsan: deps
 fuzz: deps
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz -j $(JOBS)
+
+# A short run of each libFuzzer target from its seeds (part of `make test`).
+FUZZ_SECONDS ?= 20
+fuzz-smoke: fuzz
+	scripts/fuzz-smoke.sh build/fuzz $(FUZZ_SECONDS)
 
 bench: build
 	@for b in build/release/bench/vaporix_*_bench; do [ -x "$$b" ] && "$$b"; done; true

@@ -28,7 +28,7 @@ open('$tmp/const.f32','wb').write(struct.pack('<12f',*[2.5]*12))
 "
 check "pack" status_is 0 "$tool" pack --size 3 2 2 --channel 1="$tmp/ramp.f32" \
     --channel 2="$tmp/const.f32" --frame 17 --time-step 0.04 --sim-time 1.25 \
-    --transform 2 0 0 0 2 0 0 0 2 1 2 3 --comment "cli test" -o "$tmp/out.vxg"
+    --transform 2 0 0 0 2 0 0 0 2 1 2 3 --comment "cli test" --quant-bits 20 -o "$tmp/out.vxg"
 "$tool" info --json "$tmp/out.vxg" >"$tmp/info.json"
 check "info json" $py - "$tmp/info.json" <<'PY'
 import json, sys
@@ -45,6 +45,21 @@ assert j["infoText"][0] == "[GRID: 12 cells, 3x2x2]", j["infoText"]
 PY
 check "dump" status_is 0 "$tool" dump "$tmp/out.vxg" --channel 1 -o "$tmp/back.f32"
 check "dump bytes" cmp -s "$tmp/ramp.f32" "$tmp/back.f32"
+# Codec settings: zoned lossless streams dump back exactly, 8 bits within half a step.
+check "pack zones" status_is 0 "$tool" pack --size 3 2 2 --channel 1="$tmp/ramp.f32" --zones 2 \
+    --quant-bits 24 -o "$tmp/zoned.vxg"
+check "dump zones" status_is 0 "$tool" dump "$tmp/zoned.vxg" --channel 1 -o "$tmp/zback.f32"
+check "zoned bytes" cmp -s "$tmp/ramp.f32" "$tmp/zback.f32"
+check "pack 8 bits" status_is 0 "$tool" pack --size 3 2 2 --channel 1="$tmp/ramp.f32" \
+    --quant-bits 8 --passes 1 -o "$tmp/q8.vxg"
+"$tool" dump "$tmp/q8.vxg" --channel 1 -o "$tmp/q8.f32"
+check "8-bit error" $py -c "
+import struct
+a = struct.unpack('<12f', open('$tmp/ramp.f32','rb').read())
+b = struct.unpack('<12f', open('$tmp/q8.f32','rb').read())
+assert max(abs(x - y) for x, y in zip(a, b)) <= 5.5 / 512 + 1e-5"
+check "bad passes" status_is 2 "$tool" pack --size 3 2 2 --channel 1="$tmp/ramp.f32" --passes 300 -o "$tmp/x.vxg"
+check "step needed" status_is 2 "$tool" pack --size 3 2 2 --channel 1="$tmp/ramp.f32" --quant-bits 0 -o "$tmp/x.vxg"
 "$tool" info --json --header-only "$tmp/out.vxg" >"$tmp/header.json"
 check "header only" $py -c "
 import json; j = json.load(open('$tmp/header.json'))

@@ -13,12 +13,18 @@ namespace {
 const char* USAGE =
     "usage: vaporix pack --size X Y Z --channel N=IN.f32 [--channel N=IN.f32 ...]\n"
     "                    [--frame N] [--time-step S] [--sim-time T] [--transform 12 numbers]\n"
-    "                    [--comment TEXT] [--particles NAME:C=IN.bin[:KIND] ...] -o OUT.vxg\n"
+    "                    [--comment TEXT] [--particles NAME:C=IN.bin[:KIND] ...]\n"
+    "                    [--quant-bits B] [--quant-step S] [--passes P] [--zones Z] -o OUT.vxg\n"
     "\n"
     "Writes a version 4 cache frame. Each IN.f32 holds X*Y*Z little-endian float32 values, x\n"
     "running fastest. Channel 18 takes X*Y*Z*4 bytes of packed colour (byte 2 red, 1 green,\n"
     "0 blue). The transform maps world to grid coordinates: three matrix rows, then the offset\n"
     "row (default: identity).\n"
+    "\n"
+    "Grid channels are stored as codec streams: --quant-bits B of 20 or more keeps the floats\n"
+    "exactly, 1 to 19 spreads 2^B steps over each channel's range, 0 or below uses steps of\n"
+    "--quant-step S; --passes P rounds of differencing (0 to 255); --zones Z > 1 cuts each\n"
+    "channel into Z slabs along z that decode in parallel (defaults: B 16, S 0, P 2, Z 1).\n"
     "\n"
     "--particles adds channel C of particle group NAME from raw little-endian values, particle\n"
     "after particle: 3 float32 for position (0, in grid coordinates), velocity (1) and 4, one\n"
@@ -27,10 +33,15 @@ const char* USAGE =
     "bit planes (default: 4 for IDs, 3 otherwise).\n";
 
 /// Settings of the grid stream encoder.
-struct EncodeSettings {};
+struct EncodeSettings {
+    int quantBits = 16;
+    float quantStep = 0;
+    int passes = 2;
+    int zones = 1;
+};
 
 bool encodeChannel(VaporixFrameData& frame, int channel, const std::vector<uint8_t>& bytes,
-                   const EncodeSettings&, std::string& error) {
+                   const EncodeSettings& settings, std::string& error) {
     const int64_t cells = frame.getCellCount();
     if (channel == CH_PACKED_RGB) {
         if (bytes.size() != static_cast<uint64_t>(cells) * 4) {
@@ -55,7 +66,9 @@ bool encodeChannel(VaporixFrameData& frame, int channel, const std::vector<uint8
         return false;
     }
     SGCompressor<3> codec;
-    if (!codec.encodeRaw(reinterpret_cast<const float*>(bytes.data()), cells)) {
+    const int dims[3] = {frame.gridSize[0], frame.gridSize[1], frame.gridSize[2]};
+    if (codec.encodeZoned(reinterpret_cast<const float*>(bytes.data()), dims, settings.quantBits,
+                          settings.quantStep, settings.passes, settings.zones) <= 0) {
         error = "encoding failed";
         return false;
     }
@@ -147,7 +160,8 @@ int run(int argc, char** argv) {
     const std::vector<OptionSpec> specs = {
         {"--size", 3},      {"--channel", 1, true}, {"--frame", 1},   {"--time-step", 1},
         {"--sim-time", 1},  {"--transform", 12},    {"--comment", 1}, {"-o", 1},
-        {"--particles", 1, true}, {"--help"},       {"-h"}};
+        {"--particles", 1, true}, {"--help"},       {"-h"},
+        {"--quant-bits", 1}, {"--quant-step", 1}, {"--passes", 1}, {"--zones", 1}};
     if (!args.parse(argc, argv, 2, specs, error)) return usageError("pack", error);
     if (args.has("--help") || args.has("-h")) {
         std::fputs(USAGE, stdout);
@@ -194,6 +208,29 @@ int run(int argc, char** argv) {
     frame.comment = args.value("--comment");
 
     EncodeSettings settings;
+    long long number;
+    if (args.has("--quant-bits")) {
+        if (!parseInt(args.value("--quant-bits"), number) || number < -1000 || number > 1000)
+            return usageError("pack", "--quant-bits takes a whole number");
+        settings.quantBits = static_cast<int>(number);
+    }
+    if (args.has("--quant-step")) {
+        if (!parseFloat(args.value("--quant-step"), d) || !(d >= 0) || d > 1e30)
+            return usageError("pack", "--quant-step takes a number of 0 or more");
+        settings.quantStep = static_cast<float>(d);
+    }
+    if (settings.quantBits <= 0 && !(settings.quantStep > 0))
+        return usageError("pack", "--quant-bits of 0 or below needs a --quant-step above 0");
+    if (args.has("--passes")) {
+        if (!parseInt(args.value("--passes"), number) || number < 0 || number > 255)
+            return usageError("pack", "--passes takes a whole number from 0 to 255");
+        settings.passes = static_cast<int>(number);
+    }
+    if (args.has("--zones")) {
+        if (!parseInt(args.value("--zones"), number) || number < 1 || number > 65535)
+            return usageError("pack", "--zones takes a whole number from 1 to 65535");
+        settings.zones = static_cast<int>(number);
+    }
     uint32_t mask = 0;
     if (args.uses("--channel").empty() && args.uses("--particles").empty())
         return usageError("pack", "give at least one --channel or --particles");

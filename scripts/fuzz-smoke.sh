@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Short libFuzzer runs of every target from its seed corpus: a crash, hang or stray access fails.
+# Usage: scripts/fuzz-smoke.sh BUILD_DIR [SECONDS_PER_TARGET]
+set -euo pipefail
+build=$1
+seconds=${2:-30}
+root=$(cd "$(dirname "$0")/.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+run() {
+    local target=$1; shift
+    mkdir -p "$work/$target"
+    echo "fuzz-smoke: $target for ${seconds}s"
+    # New inputs go to a scratch folder; the committed seeds stay as they are.
+    if ! "$build/tests/fuzz/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+            -print_final_stats=1 -artifact_prefix="$work/$target-" "$work/$target" "$@" \
+            2>"$work/$target.log"; then
+        tail -60 "$work/$target.log"
+        local keep="${FUZZ_ARTIFACTS:-$root/out/fuzz}"
+        mkdir -p "$keep"
+        cp "$work/$target-"* "$keep/" 2>/dev/null || true
+        echo "fuzz-smoke: $target failed; the failing input is kept in $keep" >&2
+        exit 1
+    fi
+    grep -E '^(stat::number_of_executed_units|Done)' "$work/$target.log" || true
+}
+
+run fuzz_sg_decoder "$root/tests/fuzz/corpus/sg_decoder"
+run fuzz_vxg_reader "$root/tests/data"
