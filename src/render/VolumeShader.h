@@ -58,10 +58,10 @@ enum IlluminatorMode : uint8_t {
 
 /// Bits of `VolumeShader::renderFlags`: how the object shows to the renderer's kinds of ray.
 enum ShaderRenderFlag : uint32_t {
-    RF_GI_VISIBLE = 1 << 0,       ///< shaded for GI rays and bounces
-    RF_GI_IRRADIANCE = 1 << 1,    ///< lit by the renderer's GI engine too
-    RF_NO_SHADOWS = 1 << 2,       ///< invisible to rays that want no colour (casts no shadow)
-    RF_LIT_BY_SCATTER = 1 << 4    ///< lit when reached by a scattering ray
+    RF_GI_VISIBLE = 1 << 0,     ///< shaded for GI rays and bounces
+    RF_GI_IRRADIANCE = 1 << 1,  ///< lit by the renderer's GI engine too
+    RF_NO_SHADOWS = 1 << 2,     ///< invisible to rays that want no colour (casts no shadow)
+    RF_LIT_BY_SCATTER = 1 << 4  ///< lit when reached by a scattering ray
 };
 
 /// Bits of a sample mask: which arguments a sample needs.
@@ -87,9 +87,9 @@ struct VolumeSample {
 
 /// Bits of `VolumeSegment::state`.
 enum SegmentState : uint8_t {
-    SEG_LAST_STEP = 1 << 0,      ///< the step that ends at tEnd was taken
-    SEG_SHADED = 1 << 1,         ///< the segment returns colour
-    SEG_PROBABILISTIC = 1 << 3   ///< colour is computed lazily (probabilistic road)
+    SEG_LAST_STEP = 1 << 0,     ///< the step that ends at tEnd was taken
+    SEG_SHADED = 1 << 1,        ///< the segment returns colour
+    SEG_PROBABILISTIC = 1 << 3  ///< colour is computed lazily (probabilistic road)
 };
 
 /// One ray interval inside one shader. Lives in the ray's SegmentList.
@@ -250,7 +250,9 @@ public:
 
     // Texture access; the renderer's bridge overrides these. Kinds: 0 emission, 1 diffuse,
     // 2 opacity, 3 surface, 4 to 6 displacement levels.
-    virtual void EvalTexture(float outColor[3], int kind, const float sampleRGB[3],
+    virtual void EvalTexture(float outColor[3],
+                             int kind,
+                             const float sampleRGB[3],
                              const float position[3]) const;
     virtual bool HasTexture(int kind) const;
     /// The velocity at a grid position (world units per frame); zero without a velocity field.
@@ -298,32 +300,39 @@ public:
                               float time);
 
     /// Colour and transparency along the list. `transparency` is the caller's and is updated.
-    static void Shade(float result[3], SegmentList& list, float transparency[3],
+    static void Shade(float result[3],
+                      SegmentList& list,
+                      float transparency[3],
                       Illuminator& illuminator);
-    static void ShadeProbabilistic(float result[3], SegmentList& list, float transparency[3],
-                                   Illuminator& illuminator, int samples);
+    static void ShadeProbabilistic(float result[3],
+                                   SegmentList& list,
+                                   float transparency[3],
+                                   Illuminator& illuminator,
+                                   int samples);
     /// Opacity of the volumes along a shadow ray (`opacity` in and out).
-    static void Shadow(SegmentList& list, float opacity[3], Illuminator& illuminator,
-                       int ownLight);
+    static void Shadow(SegmentList& list, float opacity[3], Illuminator& illuminator, int ownLight);
 
     /// One step of a segment. @return 1 with the step's `alpha` and `color`, 0 when the segment
     /// has ended.
     int NextStep(VolumeSegment& segment, Illuminator& illuminator, SegmentList& list) const;
     /// The colour of the segment's last accepted sample, shaded again (probabilistic road).
     void ShadeAgain(VolumeSegment& segment, Illuminator& illuminator, SegmentList& list) const;
-    int NextStepProbabilistic(VolumeSegment& segment, Illuminator& illuminator,
+    int NextStepProbabilistic(VolumeSegment& segment,
+                              Illuminator& illuminator,
                               SegmentList& list) const;
 
     /// Samples the arguments in `mask` at a grid position.
-    void sample(VolumeSample& out, const float position[3], uint32_t mask, int samplerKind,
+    void sample(VolumeSample& out,
+                const float position[3],
+                uint32_t mask,
+                int samplerKind,
                 float time) const;
 
     /// Light at a grid position through the light cache, filling the corners it needs.
     void ReadLightCache(float out[3], const float position[3], Illuminator& illuminator) const;
 
     /// Gradient of the surface argument at a grid position.
-    void surfaceGradient(float out[3], const float position[3], int samplerKind,
-                         float time) const;
+    void surfaceGradient(float out[3], const float position[3], int samplerKind, float time) const;
     /// Gradient of the temperature at a grid position (heat haze): six-point difference.
     void temperatureGradient(float out[3], const float position[3], float time) const;
     /// Bends a grid space direction by the heat haze over a world length. @return true when
@@ -332,12 +341,26 @@ public:
 
     /// Iso-surface search along a grid space ray (origin, unit direction, length `tMax`).
     /// `sides`: bit 0 outside-in, bit 1 inside-out. @return true with the hit's t and normal.
-    bool FindSurface(const double origin[3], const float dir[3], double tMax, float step,
-                     float normalOut[3], int sides, int samplerKind, float time,
-                     double& tHit, bool& insideOut, bool onCellFaces = false) const;
+    bool FindSurface(const double origin[3],
+                     const float dir[3],
+                     double tMax,
+                     float step,
+                     float normalOut[3],
+                     int sides,
+                     int samplerKind,
+                     float time,
+                     double& tHit,
+                     bool& insideOut,
+                     bool onCellFaces = false) const;
     /// Regula falsi between two points of the ray with surface values on either side.
-    double RefineSurface(const double origin[3], const float dir[3], double t0, float v0,
-                         double t1, float v1, int samplerKind, float time) const;
+    double RefineSurface(const double origin[3],
+                         const float dir[3],
+                         double t0,
+                         float v0,
+                         double t1,
+                         float v1,
+                         int samplerKind,
+                         float time) const;
 
     // Transforms at a time (world <-> grid).
     void worldToGrid(const double in[3], double out[3], float time) const;
@@ -392,6 +415,8 @@ public:
     /// Channel arrays per argument: emission, diffuse, opacity, surface; and the RGB channel.
     const float* channel[4] = {nullptr, nullptr, nullptr, nullptr};
     const float* rgbChannel[3] = {nullptr, nullptr, nullptr};
+    /// The temperature channel, for the heat haze.
+    const float* temperatureChannel = nullptr;
     /// Per argument (offset, scale): value * scale + offset turns a raw value into 0..1.
     float remapOffset[4] = {0.0f, 0.0f, 0.0f, 0.0f};
     float remapScale[4] = {1.0f, 1.0f, 1.0f, 1.0f};
@@ -421,11 +446,18 @@ public:
 private:
     void freeFrameData();
     float opacityOf(const VolumeSample& s, float stepWorld, float alpha[3]) const;
-    void fullShade(VolumeSegment& segment, Illuminator& illuminator, SegmentList& list,
-                   const VolumeSample& sample, bool prob) const;
-    void emissionOf(float out[3], const VolumeSample& sample, float stepWorld,
+    void fullShade(VolumeSegment& segment,
+                   Illuminator& illuminator,
+                   SegmentList& list,
+                   const VolumeSample& sample,
+                   bool prob) const;
+    void emissionOf(float out[3],
+                    const VolumeSample& sample,
+                    float stepWorld,
                     const SegmentList& list) const;
-    void lightAt(float out[3], const float position[3], const float diffuse[3],
+    void lightAt(float out[3],
+                 const float position[3],
+                 const float diffuse[3],
                  Illuminator& illuminator) const;
 
     uint64_t mLightCacheCells = 0;
