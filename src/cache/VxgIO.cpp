@@ -238,8 +238,7 @@ void readParticleChunk(ReadState& st) {
             in.read(cd.compressed.data, bytes, dataTrace);
             grp.DecompressChannel(ordinal, st.dropCompressed);
             if (grp.HasChannel(ordinal)) grp.channelBits |= 1u << ordinal;
-            if (ordinal == PRT_ID && grp.channelData[PRT_ID].expanded.count > 0)
-                grp.buildIdOrder();
+            if (ordinal == PRT_ID && grp.channelData[PRT_ID].expanded.count > 0) grp.buildIdOrder();
         }
     }
 }
@@ -296,17 +295,25 @@ void readOldParticleSection(ReadState& st, bool coded) {
             if (grp.HasChannel(c)) grp.channelBits |= 1u << c;
         }
         if (load && !st.summaryRead) {
-            // No summary: check the particles and build the box from them.
-            MTComputeParticlesBbox& job = MTComputeParticlesBbox::instance();
-            std::lock_guard<std::mutex> lock(job.lock());
-            for (int round = 0; round < frame.groups.count; ++round) {
+            // No summary: check the particles and build the box from them. The old reader ran
+            // this once for every group of the frame over the same group; each round gives the
+            // same box, so one pass and one line per group keep the result without making the
+            // work grow with the square of a count that the file chooses. Only positions that
+            // were read for every particle are scanned: the count alone never drives the pass.
+            const ChannelData& pos = grp.channelData[PRT_POSITION];
+            const uint64_t positionBytes =
+                static_cast<uint64_t>(grp.count) * prtComponentCount(PRT_POSITION) * 4;
+            if (grp.count > 0 && static_cast<uint64_t>(pos.expanded.count) >= positionBytes) {
+                MTComputeParticlesBbox& job = MTComputeParticlesBbox::instance();
+                std::lock_guard<std::mutex> lock(job.lock());
                 float box[6];
                 const int bad = job.compute(grp, box);
                 for (int a = 0; a < 3; ++a) {
                     frame.particleBox[a] = std::min(frame.particleBox[a], box[a]);
                     frame.particleBox[a + 3] = std::max(frame.particleBox[a + 3], box[a + 3]);
                 }
-                if (bad) lumoLog("#bad particles found in group %s, count:%d\n", grp.name.c_str(), bad);
+                if (bad)
+                    lumoLog("#bad particles found in group %s, count:%d\n", grp.name.c_str(), bad);
             }
         }
         for (;;) {
@@ -321,11 +328,8 @@ void readOldParticleSection(ReadState& st, bool coded) {
                     if (!ids.resize(static_cast<long long>(bytes), nullptr, true) && bytes)
                         in.fail(nullptr);
                     in.read(ids.data, bytes, "x161\n");
-                    // The IDs are a bare symbol stream of (low, high) pairs of differences:
-                    // kept as the compressed ID channel until the symbol decoder expands them.
-                    ChannelData& cd = grp.channelData[PRT_ID];
-                    cd.kind = -1;
-                    cd.compressed = std::move(ids);
+                    // A damaged ID stream leaves the group without IDs; the file stays good.
+                    grp.expandIdDifferences(ids.data, bytes);
                     if (grp.HasChannel(PRT_ID)) grp.channelBits |= 1u << PRT_ID;
                 } else {
                     in.skip(bytes, "x162\n");
@@ -342,7 +346,9 @@ void readOldParticleSection(ReadState& st, bool coded) {
 
 }  // namespace
 
-int VaporixFrameData::ImportVxg(const char* path, bool noRetry, bool headerOnly,
+int VaporixFrameData::ImportVxg(const char* path,
+                                bool noRetry,
+                                bool headerOnly,
                                 bool dropCompressed) {
     tBytesRead = 0;
     // Step 1: header reset.
@@ -372,13 +378,15 @@ int VaporixFrameData::ImportVxg(const char* path, bool noRetry, bool headerOnly,
             int64_t markerOffset;
             if (version >= VXG_VERSION_CURRENT) {
                 if (in.length() < 20) in.fail("Failed seeking to marker chunk!\n");
-                in.seek(static_cast<int64_t>(in.length() - 20), "Failed seeking to marker chunk!\n");
+                in.seek(static_cast<int64_t>(in.length() - 20),
+                        "Failed seeking to marker chunk!\n");
                 const uint64_t off = in.get<uint64_t>("Failed reading vxgr2 data offset!\n");
                 if (off > in.length()) in.fail("Failed seeking to marker chunk!\n");
                 markerOffset = static_cast<int64_t>(off);
             } else {
                 if (in.length() < 16) in.fail("Failed seeking to marker chunk!\n");
-                in.seek(static_cast<int64_t>(in.length() - 16), "Failed seeking to marker chunk!\n");
+                in.seek(static_cast<int64_t>(in.length() - 16),
+                        "Failed seeking to marker chunk!\n");
                 markerOffset = in.get<int32_t>("Failed reading vxgr2 data offset!\n");
                 if (markerOffset < 0) return LOAD_NO_FILE;
             }
@@ -440,9 +448,7 @@ int VaporixFrameData::ImportVxg(const char* path, bool noRetry, bool headerOnly,
                         lumoLog("VaporixFrameData::ImportVxg bad comprDataSzInts!");
                         in.fail(nullptr);
                     }
-                    if (size[0] < 0 || size[1] < 0 || size[2] < 0 ||
-                        int64_t(size[0]) * size[1] * size[2] > MAX_GRID_CELLS)
-                        in.fail("3\n");
+                    if (!gridSizeAcceptable(size)) in.fail("3\n");
                     for (int a = 0; a < 3; ++a) gridSize[a] = size[a];
                     if (headerOnly) {
                         in.skip(static_cast<uint64_t>(words) * 4, "x41\n");
@@ -493,7 +499,8 @@ int VaporixFrameData::ImportVxg(const char* path, bool noRetry, bool headerOnly,
                 case TAG_SIM_RECORD: {
                     const int32_t n = in.get<int32_t>("12\n");
                     if (n < 0) in.fail("12\n");
-                    const uint64_t kept = std::min<uint64_t>(static_cast<uint64_t>(n), SIM_RECORD_SIZE);
+                    const uint64_t kept =
+                        std::min<uint64_t>(static_cast<uint64_t>(n), SIM_RECORD_SIZE);
                     in.read(simRecord, kept, "12\n");
                     if (static_cast<uint64_t>(n) > kept) in.skip(n - kept, "x121\n");
                     break;

@@ -1,7 +1,9 @@
 // The .vxg reader over every generation, the writer's round trip, and damaged files.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
+#include <string>
 
 #include "Fixtures.h"
 #include "TestSupport.h"
@@ -250,7 +252,8 @@ TEST(VxgIO, BrokenFilesGiveStatusAndTheirLogLine) {
         const char* log;
     };
     std::vector<Case> cases;
-    cases.push_back({"shorter than 8 bytes", {'V', 'X', 'G'}, 4, "Failed while seeking to vxgr2 magic!\n"});
+    cases.push_back(
+        {"shorter than 8 bytes", {'V', 'X', 'G'}, 4, "Failed while seeking to vxgr2 magic!\n"});
     {
         VxgBuilder b(0);
         b.tag(0);
@@ -290,7 +293,8 @@ TEST(VxgIO, BrokenFilesGiveStatusAndTheirLogLine) {
         Bytes body;
         body.i32(1 << 30);  // a group count far beyond the chunk
         b.chunk(1000, body).tag(0);
-        cases.push_back({"group count beyond the file", b.build(), 4, "Failed reading chunk size!\n"});
+        cases.push_back(
+            {"group count beyond the file", b.build(), 4, "Failed reading chunk size!\n"});
     }
     {
         VxgBuilder b(4);
@@ -298,7 +302,8 @@ TEST(VxgIO, BrokenFilesGiveStatusAndTheirLogLine) {
         auto bytes = b.build();
         const uint64_t wild = 1ull << 40;
         std::memcpy(bytes.data() + bytes.size() - 20, &wild, 8);
-        cases.push_back({"marker offset beyond the file", bytes, 4, "Failed seeking to marker chunk!\n"});
+        cases.push_back(
+            {"marker offset beyond the file", bytes, 4, "Failed seeking to marker chunk!\n"});
     }
     {
         VxgBuilder b(4);
@@ -322,7 +327,8 @@ TEST(VxgIO, BrokenFilesGiveStatusAndTheirLogLine) {
         EXPECT_EQ(readFile(f, writeTemp(dir, "broken.vxg", c.bytes)), c.status) << c.what;
         EXPECT_TRUE(log.contains(c.log)) << c.what << ": " << log.text();
         if (c.status == 4) {
-            EXPECT_TRUE(log.contains("VaporixFrameData::ImportVxg broken or bad memory allocation. File is: "))
+            EXPECT_TRUE(log.contains(
+                "VaporixFrameData::ImportVxg broken or bad memory allocation. File is: "))
                 << c.what;
             EXPECT_EQ(f.comprData, nullptr);
             EXPECT_TRUE(f.sourcePath.empty());
@@ -381,4 +387,87 @@ TEST(VxgIO, SaveAndLoadThroughFramePatterns) {
     EXPECT_EQ(g.loadByFrame(6, pattern.c_str(), "", false, true, true), 0);  // nearest: 7
     EXPECT_EQ(g.frameNumber, 7);
     EXPECT_EQ(g.comprDataSzInts, 1);
+}
+
+// Inputs found by fuzzing the reader, rebuilt in readable form.
+
+TEST(VxgIO, GridSizesWhoseProductOverflowsAreRejected) {
+    TempDir dir;
+    // The first case is the one fuzzing found (its cell count wraps 64 bits to a negative
+    // number); the second wraps to exactly 0. Both once passed the size check.
+    const int32_t sizes[][3] = {{44338864, 721420289, 100663296}, {1 << 21, 1 << 21, 1 << 22}};
+    for (const auto& s : sizes) {
+        VxgBuilder b(0);
+        b.tags().i32(3).i32(s[0]).i32(s[1]).i32(s[2]).i32(0);
+        b.tag(0);
+        LogRecorder log;
+        VaporixFrameData f;
+        EXPECT_EQ(readFile(f, writeTemp(dir, "huge.vxg", b.build())), 4) << s[0];
+        EXPECT_TRUE(log.contains("3\n")) << log.text();
+    }
+    // Sizes up to the largest channel are still taken, and a zero axis is an empty grid.
+    for (const auto& s : {std::array<int32_t, 3>{1024, 1024, 2047}, {0, 1 << 30, 1 << 30}}) {
+        VxgBuilder b(0);
+        b.tags().i32(3).i32(s[0]).i32(s[1]).i32(s[2]).i32(0);
+        b.tag(0);
+        VaporixFrameData f;
+        EXPECT_EQ(readFile(f, writeTemp(dir, "big.vxg", b.build())), 0) << s[2];
+        EXPECT_EQ(f.gridSize[2], s[2]);
+    }
+}
+
+TEST(VxgIO, OldParticleCountsDoNotDriveTheBoxPass) {
+    // Groups of an old section that claim two thousand million particles but whose position
+    // stream can't deliver them: the box pass must not walk the claimed count (once it did, and
+    // once for every group of the frame over each group, which never ended).
+    TempDir dir;
+    for (bool coded : {true, false}) {
+        VxgBuilder b(0);
+        Bytes& t = b.tags();
+        t.i32(coded ? 13 : 7).i32(16);
+        for (int i = 0; i < 16; ++i) t.u32(0x3F000000u + static_cast<uint32_t>(i));
+        t.i32(8);
+        for (int g = 0; g < 8; ++g) {
+            t.str("G" + std::to_string(g)).i32(0x7FFFFFFF);
+            uint32_t table[32];
+            for (auto& e : table) e = 0xFFFFFFFFu;
+            table[0] = 3;
+            t.raw(table, sizeof table).i32(0);
+        }
+        b.tag(0);
+        VaporixFrameData f;
+        ASSERT_EQ(readFile(f, writeTemp(dir, "claims.vxg", b.build())), 0) << coded;
+        ASSERT_EQ(f.groups.count, 8);
+        EXPECT_EQ(f.getGroupCount(7), 0x7FFFFFFF);
+        EXPECT_EQ(f.groups[7].GetCount(), 0);  // no position data could be read
+        EXPECT_GT(f.particleBox[0], f.particleBox[3]);
+    }
+}
+
+TEST(VxgIO, BadParticlesOfOldSectionsAreReportedOncePerGroup) {
+    TempDir dir;
+    VxgBuilder b(0);
+    Bytes& t = b.tags();
+    // Two groups share a pool of one good and one far-away particle.
+    const float pool[6] = {1, 2, 3, 1e6f, 0, 0};
+    t.i32(7).i32(6).raw(pool, sizeof pool).i32(2);
+    for (const char* name : {"A", "B"}) {
+        uint32_t table[32];
+        for (auto& e : table) e = 0xFFFFFFFFu;
+        table[0] = 0;
+        t.str(name).i32(2).raw(table, sizeof table).i32(0);
+    }
+    b.tag(0);
+    LogRecorder log;
+    VaporixFrameData f;
+    ASSERT_EQ(readFile(f, writeTemp(dir, "bad.vxg", b.build())), 0);
+    const std::string text = log.text();
+    EXPECT_NE(text.find("bad particles found in group A, count:1\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("bad particles found in group B, count:1\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("bad particles found in group A", text.find("group A") + 1),
+              std::string::npos);
+    // The box holds only the good particle.
+    EXPECT_EQ(f.particleBox[0], 1.0f);
+    EXPECT_EQ(f.particleBox[3], 1.0f);
+    EXPECT_EQ(f.particleBox[5], 3.0f);
 }
