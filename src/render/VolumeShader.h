@@ -16,7 +16,7 @@ class VolumeShader;
 struct VolumeSegment;
 struct SegmentList;
 
-/// 2^p, approximated: the only exponent of the marcher. Relative error under about 5e-5 for
+/// 2^p, approximated: the only exponent of the marcher. Relative error under about 1e-4 for
 /// p in [-126, 128); p is limited to that range.
 float FastPow2(float p);
 
