@@ -830,6 +830,7 @@ int VolumeShader::NextStep(VolumeSegment& seg, Illuminator& illum, SegmentList& 
 
             VolumeSample s;
             sample(s, pos, mask, kind, seg.time);
+            ++illum.samplesTaken;
             float alpha[3];
             opacityOf(s, stepWorld, alpha);
             if (flags & modulateOpacity) {
@@ -1339,6 +1340,7 @@ int VolumeShader::NextStepProbabilistic(VolumeSegment& seg,
         for (int a = 0; a < 3; ++a) pos[a] = static_cast<float>(seg.origin[a]) + seg.dir[a] * p;
         VolumeSample s;
         sample(s, pos, mask, sampler, seg.time);
+        ++illum.samplesTaken;
         float alpha[3];
         opacityOf(s, stepWorld, alpha);
         if (max3(alpha) > skipOpacity * stepWorld && softBorder > 0.5f) {

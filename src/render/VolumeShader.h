@@ -165,6 +165,8 @@ public:
     float transparency[3] = {1.0f, 1.0f, 1.0f};
     /// Raised by ShadeProbabilistic for each shaded hit.
     int sampleCount = 0;
+    /// Grid samples taken by the steps of rays traced with this illuminator (statistics).
+    uint64_t samplesTaken = 0;
     const VolumeShader* currentShader = nullptr;
 };
 
