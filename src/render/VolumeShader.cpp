@@ -729,6 +729,8 @@ bool VolumeShader::BuildSegments(SegmentList& list,
 // ---------------------------------------------------------------------------------------------
 
 int VolumeShader::NextStep(VolumeSegment& seg, Illuminator& illum, SegmentList& list) const {
+    // Lights are asked in the grid space of the segment's own shader.
+    if (illum.currentShader != this) illum.SetShader(this);
     // Step length: the shading or shadow step in cells along the ray's dominant axis.
     const float m =
         std::max(std::fabs(seg.dir[0]), std::max(std::fabs(seg.dir[1]), std::fabs(seg.dir[2])));
@@ -1269,6 +1271,7 @@ void VolumeShader::Shade(float result[3],
 }
 
 void VolumeShader::ShadeAgain(VolumeSegment& seg, Illuminator& illum, SegmentList& list) const {
+    if (illum.currentShader != this) illum.SetShader(this);
     // The colour of a stop of the probabilistic road: what a step gives per unit of its opacity.
     VolumeSample s;
     uint32_t mask = shadeChannelMask;
@@ -1312,6 +1315,7 @@ void VolumeShader::ShadeAgain(VolumeSegment& seg, Illuminator& illum, SegmentLis
 int VolumeShader::NextStepProbabilistic(VolumeSegment& seg,
                                         Illuminator& illum,
                                         SegmentList& list) const {
+    if (illum.currentShader != this) illum.SetShader(this);
     const float m =
         std::max(std::fabs(seg.dir[0]), std::max(std::fabs(seg.dir[1]), std::fabs(seg.dir[2])));
     const bool shaded = (seg.state & SEG_SHADED) != 0;
