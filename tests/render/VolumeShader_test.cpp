@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -32,6 +33,14 @@ public:
 class OrderIlluminator : public ConstantIlluminator {
 public:
     std::vector<std::pair<const VolumeShader*, double>> steps;
+    /// World x of every lit point, through the current shader's transform.
+    std::vector<float> litX;
+    void Illuminate(float out[3], const float p[3], const float d[3], float* a, float* n) override {
+        float w[3];
+        currentShader->gridToWorld(p, w, 0.0f);
+        litX.push_back(w[0]);
+        ConstantIlluminator::Illuminate(out, p, d, a, n);
+    }
     void ApplyAtmosphere(float*, const VolumeSegment& segment) override {
         steps.emplace_back(segment.shader, segment.t);
     }
@@ -244,6 +253,10 @@ TEST(VolumeShader, OverlappingGridsInterleaveTheirStepsInDepthOrder) {
     }
     for (auto& s : illum.steps) (s.first == &a.shader ? sawA : sawB) = true;
     EXPECT_TRUE(sawA && sawB && switched);
+    // Points of each grid are lit where they are in the world (b reaches to x = 11.3).
+    ASSERT_FALSE(illum.litX.empty());
+    EXPECT_GT(*std::max_element(illum.litX.begin(), illum.litX.end()), 10.0f);
+    EXPECT_LT(*std::min_element(illum.litX.begin(), illum.litX.end()), 1.0f);
     // Both media attenuate: the product of the two transparencies.
     // (A step may fall just past either end, hence the tolerance of one step's absorption.)
     const double expected = std::exp(std::log(0.5) * 0.2 * 16.0);
