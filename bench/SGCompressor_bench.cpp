@@ -140,7 +140,7 @@ void BM_CodecEncode(benchmark::State& state) {
     SGCompressor<3> codec(&pool());
     const int dims[3] = {f.nx, f.ny, f.nz};
     for (auto _ : state) {
-        if (codec.encode(f.values.data(), dims, QUANT_BITS, 0, passes) <= 0) {
+        if (codec.Compress(f.values.data(), dims, QUANT_BITS, 0, passes) <= 0) {
             state.SkipWithError("encode failed");
             break;
         }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -277,6 +278,7 @@ bool SGCompressor<N>::ensureZoneJobs(int count) {
 template <int N>
 void SGCompressor<N>::releaseBuffers() {
     quantised.free();
+    mFileBytes.free();
     mSlice.free();
     mState.free();
     mCoder.release();
@@ -297,6 +299,43 @@ bool SGCompressor<N>::decode(const uint8_t* data,
     if (magic == SG_MAGIC_SINGLE) return decodeSingle(data, sizeBytes, out, outCount);
     if (magic == SG_MAGIC_ZONED) return decodeZoned(data, sizeBytes, out, outCount);
     return false;
+}
+
+template <int N>
+int SGCompressor<N>::Decompress(
+    const void* source, uint64_t sourceBytes, float* destination, uint64_t cells, bool fromFile) {
+    if (!source) return 0;
+    if (!fromFile)
+        return decode(static_cast<const uint8_t*>(source), sourceBytes, destination, cells) ? 1 : 0;
+    // From a file: the stream's bytes, as far as the file holds them, are read into a buffer.
+    // A file that can seek tells how much is left; one that cannot is read in growing pieces,
+    // so that a long claim costs no memory up front.
+    std::FILE* file = static_cast<std::FILE*>(const_cast<void*>(source));
+    uint64_t limit = sourceBytes;
+    uint64_t piece = uint64_t(1) << 20;
+    const long at = std::ftell(file);
+    if (at >= 0 && std::fseek(file, 0, SEEK_END) == 0) {
+        const long end = std::ftell(file);
+        if (std::fseek(file, at, SEEK_SET) != 0) return 0;
+        limit = std::min<uint64_t>(limit, end > at ? static_cast<uint64_t>(end - at) : 0);
+        piece = limit;
+    }
+    mFileBytes.resize(0);
+    uint64_t got = 0;
+    while (got < limit) {
+        if (got == static_cast<uint64_t>(mFileBytes.count)) {
+            const uint64_t size = std::min(limit, got + std::max(piece, got));
+            if (!mFileBytes.resize(static_cast<long long>(size), nullptr, true)) {
+                lumoLog("Can't allocate %d MB for decompression", static_cast<int>(size >> 20));
+                return 0;
+            }
+        }
+        const size_t n =
+            std::fread(mFileBytes.data + got, 1, static_cast<size_t>(mFileBytes.count) - got, file);
+        if (n == 0) break;
+        got += n;
+    }
+    return decode(mFileBytes.data, got, destination, cells) ? 1 : 0;
 }
 
 template <int N>
@@ -389,8 +428,10 @@ bool SGCompressor<N>::decodeStreaming(float* out,
     const int64_t nx = dims[0], ny = dims[1], nz = dims[2];
     const int64_t plane = nx * ny;
     if (!mSlice.resize(plane, nullptr, true) ||
-        !mState.resize(std::max<int64_t>(1, plane * passes), nullptr, true))
+        !mState.resize(std::max<int64_t>(1, plane * passes), nullptr, true)) {
+        lumoLog("Can't allocate %d MB for decompression", static_cast<int>(plane * nz / 1048576));
         return false;
+    }
     int32_t* slice = mSlice.data;
     SymbolCoder::RunState run;
     run.total = static_cast<uint64_t>(plane * nz);
@@ -576,11 +617,11 @@ bool SGCompressor<N>::encodeRaw(const float* values, int64_t count) {
 }
 
 template <int N>
-int64_t SGCompressor<N>::encode(
-    const float* values, const int dims[N], int quantBits, float quantStep, int passes) {
+int64_t SGCompressor<N>::Compress(
+    const float* data, const int dimensions[N], int quantBits, float quantStep, int passes) {
     int32_t d[N];
-    for (int a = 0; a < N; ++a) d[a] = dims[a];
-    return encodeInto(output, values, d, quantBits, quantStep, passes);
+    for (int a = 0; a < N; ++a) d[a] = dimensions[a];
+    return encodeInto(output, data, d, quantBits, quantStep, passes);
 }
 
 template <int N>
@@ -691,25 +732,7 @@ int64_t SGCompressor<N>::encodeInto(iArray<uint8_t, long long>& out,
     if (!put(&mi, 4) || !put(&passByte, 1)) return 0;
     for (int64_t i = 0; i < count; ++i) q[i] = wrapSub(q[i], mi);
 
-    // Collapse runs: a value followed by k >= 4 repeats becomes the value and -k.
-    int64_t written = 1;
-    int32_t last = q[0];
-    int64_t repeats = 0;
-    for (int64_t i = 1; i < count; ++i) {
-        const int32_t v = q[i];
-        if (v != last) {
-            q[written++] = v;
-            last = v;
-            repeats = 0;
-        } else if (++repeats < 4) {
-            q[written++] = v;
-        } else if (repeats == 4) {
-            written -= 3;  // the three copies are taken back
-            q[written++] = -4;
-        } else {
-            --q[written - 1];
-        }
-    }
+    const int64_t written = collapseRuns(q, count);
 
     // Code and append.
     const int64_t coded = mCoder.encode(q, static_cast<uint64_t>(written));
@@ -721,7 +744,7 @@ int64_t SGCompressor<N>::encodeInto(iArray<uint8_t, long long>& out,
 template <int N>
 int64_t SGCompressor<N>::encodeZoned(
     const float* values, const int dims[N], int quantBits, float quantStep, int passes, int zones) {
-    if (zones <= 1) return encode(values, dims, quantBits, quantStep, passes);
+    if (zones <= 1) return Compress(values, dims, quantBits, quantStep, passes);
     output.resize(0);
     int32_t d[N];
     for (int a = 0; a < N; ++a) d[a] = dims[a];
@@ -814,6 +837,29 @@ int64_t SGCompressor<N>::encodeZoned(
         at += static_cast<uint64_t>(task.stream.count);
     }
     return output.count;
+}
+
+int64_t collapseRuns(int32_t* values, int64_t count) {
+    if (count <= 0) return 0;
+    int64_t written = 1;
+    int32_t last = values[0];
+    int64_t repeats = 0;
+    for (int64_t i = 1; i < count; ++i) {
+        const int32_t v = values[i];
+        if (v != last) {
+            values[written++] = v;
+            last = v;
+            repeats = 0;
+        } else if (++repeats < 4) {
+            values[written++] = v;
+        } else if (repeats == 4) {
+            written -= 3;  // the three copies are taken back
+            values[written++] = -4;
+        } else {
+            --values[written - 1];
+        }
+    }
+    return written;
 }
 
 template class SGCompressor<1>;

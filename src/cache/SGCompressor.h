@@ -56,6 +56,28 @@ public:
     /// Adds `size` bytes to `output`. @return false when memory ran out (`output` is then empty).
     virtual bool append(const void* data, int size);
 
+    /// Decodes one stream (single or zoned) into `destination`, which receives exactly `cells`
+    /// values. Without `fromFile`, `source` points at the stream's `sourceBytes` bytes; with it,
+    /// `source` is an open `std::FILE*` positioned at the stream, of which at most `sourceBytes`
+    /// bytes (and no more than the file holds) are read. The stream's sizes must match `cells`.
+    /// @return 1 on success, 0 for an unknown magic or kind, a malformed or mismatched stream, a
+    /// failed read or a failed allocation.
+    int Decompress(const void* source,
+                   uint64_t sourceBytes,
+                   float* destination,
+                   uint64_t cells,
+                   bool fromFile = false);
+
+    /// Encodes a field of `dimensions` values into `output` as one stream (magic 64513).
+    /// @return the stream's size in bytes, 0 for bad settings or when memory ran out.
+    int64_t Compress(
+        const float* data, const int dimensions[N], int quantBits, float quantStep, int passes);
+    /// The same as `Compress`.
+    int64_t encode(
+        const float* values, const int dims[N], int quantBits, float quantStep, int passes) {
+        return Compress(values, dims, quantBits, quantStep, passes);
+    }
+
     /// Decodes one stream (single or zoned) of `sizeBytes` bytes into `out`, which receives
     /// exactly `outCount` values. The stream's sizes must add up to `outCount`, and zones must
     /// tile the destination without gaps or overlaps. @return false for a malformed or
@@ -64,11 +86,6 @@ public:
 
     /// Writes a raw stream (kind 0) of `count` values into `output`. @return false on failure.
     bool encodeRaw(const float* values, int64_t count);
-
-    /// Encodes a field of `dims` values into `output` as one stream (magic 64513).
-    /// @return the stream's size in bytes, 0 for bad settings or when memory ran out.
-    int64_t encode(
-        const float* values, const int dims[N], int quantBits, float quantStep, int passes);
 
     /// Encodes the field cut along its last axis into `zones` slabs of about equal decoding
     /// work (at least one slice each), each an independent single stream, in a zoned stream (magic
@@ -141,6 +158,8 @@ private:
     /// Encoder buffer of quantised integers (kept between streams: fresh memory is slow).
     iArray<int32_t, long long> quantised;
     SymbolCoder mCoder;
+    // The bytes of a stream read from a file (kept between streams).
+    iArray<uint8_t, long long> mFileBytes;
     // Decoder buffers of the streaming path: one slice and one state slice per pass.
     iArray<int32_t, long long> mSlice;
     iArray<int32_t, long long> mState;
@@ -150,6 +169,12 @@ private:
     float mQuantStep = 0;
     int mPasses = 0;
 };
+
+/// Collapses runs in place: a value followed by k >= 4 equal values becomes the value and -k;
+/// shorter repeats stay as they are (7 7 7 7 7 5 becomes 7 -4 5). The values must not be
+/// negative, so that a negative number can only be a run. @return the new length, never more
+/// than `count`.
+int64_t collapseRuns(int32_t* values, int64_t count);
 
 extern template class SGCompressor<1>;
 extern template class SGCompressor<3>;

@@ -133,7 +133,7 @@ int64_t SymbolCoder::encode(const int32_t* symbols, uint64_t count) {
     bool coded = false;
     if (count) {
         if (!buildTable(symbols, count, lo, hi)) return 0;
-        if (assignCodes(count)) {
+        if (buildCodeTree(true)) {
             uint64_t bits = 0;
             for (long long e = 0; e < mEntries.count; ++e)
                 bits += mEntryLength.data[e] * mEntries.data[e].frequency;
@@ -201,6 +201,12 @@ bool SymbolCoder::buildTable(const int32_t* symbols, uint64_t count, int32_t lo,
             mOutsideEntry.data[at - mOutside.begin()] = static_cast<uint32_t>(e);
         }
     }
+
+    // Frequencies as prefix sums, which the tree's splits search.
+    if (!mPrefix.resize(mEntries.count + 1, nullptr, true)) return false;
+    mPrefix.data[0] = 0;
+    for (long long e = 0; e < mEntries.count; ++e)
+        mPrefix.data[e + 1] = mPrefix.data[e] + mEntries.data[e].frequency;
     return true;
 }
 
@@ -210,39 +216,67 @@ uint32_t SymbolCoder::entryOf(int32_t symbol) const {
     return mOutsideEntry.data[at - mOutside.begin()];
 }
 
-bool SymbolCoder::assignCodes(uint64_t total) {
-    const long long n = mEntries.count;
-    if (!mEntryCode.resize(n, nullptr, true) || !mEntryLength.resize(n, nullptr, true) ||
-        !mPrefix.resize(n + 1, nullptr, true))
-        return false;
-    mPrefix.data[0] = 0;
-    for (long long e = 0; e < n; ++e)
-        mPrefix.data[e + 1] = mPrefix.data[e] + mEntries.data[e].frequency;
+bool SymbolCoder::buildCodeTree(bool forEncoder) {
+    // The table as it stands: its entries' symbols and their frequencies as prefix sums.
+    const long long n = forEncoder ? mEntries.count : mTableSymbols.count;
+    if (n <= 0) return false;
+    if (forEncoder) {
+        if (!mEntryCode.resize(n, nullptr, true) || !mEntryLength.resize(n, nullptr, true))
+            return false;
+    } else {
+        if (!mNodes.resize(2 * n, nullptr, true)) return false;
+        for (long long i = 0; i < 2 * n; ++i) mNodes.data[i] = Node{0, {-1, -1}};
+    }
 
-    // Each part continues with its second half at once and leaves its first half on the stack.
-    struct Part {
-        uint64_t first, n, total, code;
-        int depth;
-    };
-    Part stack[MAX_CODE_DEPTH + 2];
-    int top = 0;
-    stack[top++] = Part{0, static_cast<uint64_t>(n), total, 0, 0};
-    while (top > 0) {
-        Part part = stack[--top];
+    // Each part goes on with its second half at once and leaves its first half on the stack,
+    // so the stack never holds more parts than the tree is deep.
+    using Part = TreePart;
+    mParts.resize(0);
+    if (!mParts.append(Part{0, static_cast<uint64_t>(n), mPrefix.data[n], 0, 0, 0})) return false;
+    int32_t nextNode = 1;
+    int maxDepth = 0;
+    while (mParts.count > 0) {
+        Part part = mParts.last();
+        mParts.resize(mParts.count - 1);
         for (;;) {
             if (part.n == 1) {
-                mEntryCode.data[part.first] = part.code;
-                mEntryLength.data[part.first] = static_cast<uint8_t>(part.depth);
+                if (forEncoder) {
+                    mEntryCode.data[part.first] = part.code;
+                    mEntryLength.data[part.first] = static_cast<uint8_t>(part.depth);
+                } else {
+                    mNodes.data[part.node].value = mTableSymbols.data[part.first];
+                }
+                maxDepth = std::max(maxDepth, static_cast<int>(part.depth));
                 break;
             }
-            if (part.depth >= MAX_CODE_DEPTH) return false;
             uint64_t acc = 0;
             const uint64_t k = splitPart(mPrefix.data, part.first, part.n, part.total, acc);
-            if (k == 0 || k == part.n) return false;  // cannot happen with positive counts
-            stack[top++] = Part{part.first, k, acc, part.code, part.depth + 1};
-            part = Part{part.first + k, part.n - k, part.total - acc,
-                        part.code | (uint64_t(1) << part.depth), part.depth + 1};
+            // A part that cannot be split (only zero frequencies do that) leaves its node as it
+            // is: a leaf of value 0 for the decoder. The encoder never meets one.
+            if (k == 0 || k == part.n) {
+                if (forEncoder) return false;
+                break;
+            }
+            if (forEncoder && part.depth >= MAX_CODE_DEPTH) return false;
+            int32_t c0 = 0, c1 = 0;
+            if (!forEncoder) {
+                c0 = nextNode++;
+                c1 = nextNode++;
+                Node& node = mNodes.data[part.node];
+                node.value = static_cast<int32_t>(part.first + k);
+                node.child[0] = c0;
+                node.child[1] = c1;
+            }
+            const uint64_t bit = part.depth < 64 ? uint64_t(1) << part.depth : 0;
+            if (!mParts.append(Part{part.first, k, acc, part.code, c0, part.depth + 1}))
+                return false;
+            part = Part{part.first + k,  part.n - k, part.total - acc,
+                        part.code | bit, c1,         part.depth + 1};
         }
+    }
+    if (!forEncoder) {
+        mLookupBits = std::min(maxDepth, LOOKUP_BITS);
+        return buildLookup();
     }
     return true;
 }
@@ -375,8 +409,7 @@ bool SymbolCoder::readTableAndTree() {
     const uint64_t bitsLeft = mSize * 8 - ((mPos + mPadBytes) * 8 - static_cast<uint64_t>(mBits));
     if (n > bitsLeft / static_cast<uint64_t>(1 + sw)) return false;
     const long long count = static_cast<long long>(n);
-    if (!mTableSymbols.resize(count, nullptr, true) || !mPrefix.resize(count + 1, nullptr, true) ||
-        !mNodes.resize(2 * count, nullptr, true))
+    if (!mTableSymbols.resize(count, nullptr, true) || !mPrefix.resize(count + 1, nullptr, true))
         return false;
 
     // Entries, as prefix sums of their frequencies.
@@ -394,43 +427,8 @@ bool SymbolCoder::readTableAndTree() {
     }
     if (overrun()) return false;
 
-    // The tree, built as the encoder builds it; parts that cannot be split stay leaves of
-    // value 0.
-    for (long long i = 0; i < 2 * count; ++i) mNodes.data[i] = Node{0, {-1, -1}};
-    struct Part {
-        uint64_t first, n, total;
-        int32_t node;
-        int32_t depth;
-    };
-    iArray<Part, long long> stack;
-    if (!stack.append(Part{0, n, mPrefix.data[count], 0, 0})) return false;
-    int32_t nextNode = 1;
-    int maxDepth = 0;
-    while (stack.count > 0) {
-        Part part = stack.last();
-        stack.resize(stack.count - 1);
-        for (;;) {
-            if (part.n == 1) {
-                mNodes.data[part.node].value = mTableSymbols.data[part.first];
-                maxDepth = std::max(maxDepth, static_cast<int>(part.depth));
-                break;
-            }
-            uint64_t acc = 0;
-            const uint64_t k = splitPart(mPrefix.data, part.first, part.n, part.total, acc);
-            if (k == 0 || k == part.n) break;
-            const int32_t c0 = nextNode++;
-            const int32_t c1 = nextNode++;
-            Node& node = mNodes.data[part.node];
-            node.value = static_cast<int32_t>(part.first + k);
-            node.child[0] = c0;
-            node.child[1] = c1;
-            const int32_t depth = part.depth + 1;
-            if (!stack.append(Part{part.first, k, acc, c0, depth})) return false;
-            part = Part{part.first + k, part.n - k, part.total - acc, c1, depth};
-        }
-    }
-    mLookupBits = std::min(maxDepth, LOOKUP_BITS);
-    return buildLookup();
+    // The tree, built as the encoder builds it, and its look-up tables.
+    return buildCodeTree(false);
 }
 
 bool SymbolCoder::buildLookup() {
@@ -643,6 +641,7 @@ void SymbolCoder::release() {
     mOutsideEntry.free();
     mNodes.free();
     mPrefix.free();
+    mParts.free();
     mTableSymbols.free();
     mLookup.free();
     mHeights.free();

@@ -73,7 +73,9 @@ private:
 
     // Encoder helpers.
     bool buildTable(const int32_t* symbols, uint64_t count, int32_t lo, int32_t hi);
-    bool assignCodes(uint64_t total);
+    // The code tree of the table as it stands, built alike on both sides: the encoder takes
+    // each entry's code and length from it, the decoder its nodes and look-up tables.
+    bool buildCodeTree(bool forEncoder);
     void writeFlat(const int32_t* symbols, uint64_t count, int32_t lo, int width);
     // 1: written; 0: given up at `limit` bytes; -1: out of memory.
     int writeTable(const int32_t* symbols, uint64_t count, int32_t lo, int width, uint64_t limit);
@@ -118,7 +120,14 @@ private:
     int mWidth = 0;
     int32_t mBase = 0;
     iArray<Node, long long> mNodes;
-    iArray<uint64_t, long long> mPrefix;
+    iArray<uint64_t, long long> mPrefix;  // prefix sums of the table's frequencies
+    // A part of the table still to split: entries [first, first + n) of frequency `total`,
+    // the code so far and, for the decoder, the node it becomes.
+    struct TreePart {
+        uint64_t first, n, total, code;
+        int32_t node, depth;
+    };
+    iArray<TreePart, long long> mParts;
     iArray<int32_t, long long> mTableSymbols;
     iArray<uint64_t, long long> mLookup;
     iArray<uint16_t, long long> mHeights;

@@ -103,6 +103,7 @@ struct PosixThreadManager::Impl {
     sys::ThreadLocalSlot slot;
     bool useAffinity = true;
     sys::ProcessorMask processMask;
+    std::string numaRoot = "/sys/devices/system/node";
 
     std::vector<NodeRow> nodes;
     int nodeRows = -1;  // -1 until the table was built
@@ -131,14 +132,14 @@ void PosixThreadManager::Impl::applySchedule(PoolThread& t) {
     }
     if (!useAffinity) return;
     if (t.pinGroup == t.appliedGroup && (t.pinGroup < 0 || t.pinMask == t.appliedMask)) return;
-    sys::ThreadHandle self;
-    self.id = pthread_self();
-    self.valid = true;
+    // Each pool thread pins itself, when it takes its next command.
     if (t.pinGroup < 0) {
         // Only a thread that was pinned before needs its mask back.
-        if (t.appliedGroup >= 0 && !processMask.empty()) sys::setThreadAffinity(self, processMask);
+        if (t.appliedGroup >= 0 && !processMask.empty()) sys::setCurrentThreadAffinity(processMask);
     } else {
-        sys::setThreadGroupAffinity(self, t.pinGroup, t.pinMask);
+        sys::ProcessorMask mask(static_cast<size_t>(t.pinGroup) + 1, 0);
+        mask[static_cast<size_t>(t.pinGroup)] = t.pinMask;
+        sys::setCurrentThreadAffinity(mask);
     }
     t.appliedGroup = t.pinGroup;
     t.appliedMask = t.pinMask;
@@ -243,7 +244,7 @@ void PosixThreadManager::Impl::buildNodeTable() {
     if (!useAffinity) return;
     // One row per node and group of 64 processors, limited to what the process may use.
     uint32_t total = 0;
-    for (const sys::NumaNode& node : sys::enumerateNumaNodes()) {
+    for (const sys::NumaNode& node : sys::enumerateNumaNodes(numaRoot)) {
         bool nodeHasProcessors = false;
         std::vector<uint64_t> groups;
         for (int p : node.processors) {
@@ -266,7 +267,11 @@ void PosixThreadManager::Impl::buildNodeTable() {
     nodeRows = static_cast<int>(nodes.size());
 }
 
-PosixThreadManager::PosixThreadManager() : mImpl(std::make_unique<Impl>()) {
+PosixThreadManager::PosixThreadManager() : PosixThreadManager(std::string()) {}
+
+PosixThreadManager::PosixThreadManager(const std::string& numaRoot)
+    : mImpl(std::make_unique<Impl>()) {
+    if (!numaRoot.empty()) mImpl->numaRoot = numaRoot;
     mImpl->useAffinity = threadAffinityInUse();
     if (mImpl->useAffinity) sys::getProcessAffinity(mImpl->processMask);
     lumoDebugOutput("[WinThreadManager] Constructor.\n");
@@ -562,6 +567,12 @@ int globalThreadCount() {
     static const int count = computeThreadCount();
     return count;
 }
+
+namespace {
+// The global thread count is fixed while the library's static data are set up, from the
+// environment as the process started with it.
+[[maybe_unused]] const int gThreadCountAtLoad = globalThreadCount();
+}  // namespace
 
 int effectiveThreadCount() {
     const int global = globalThreadCount();

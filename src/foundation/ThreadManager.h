@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "foundation/ProgressCallback.h"
 
@@ -67,6 +68,9 @@ public:
 class PosixThreadManager : public ThreadManager {
 public:
     PosixThreadManager();
+    /// A manager that reads the machine's NUMA nodes from `numaRoot` (a folder laid out as
+    /// `/sys/devices/system/node`) instead of the kernel's.
+    explicit PosixThreadManager(const std::string& numaRoot);
     ~PosixThreadManager() override;
     PosixThreadManager(const PosixThreadManager&) = delete;
     PosixThreadManager& operator=(const PosixThreadManager&) = delete;

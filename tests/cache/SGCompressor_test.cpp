@@ -3,8 +3,10 @@
 #include "cache/SGCompressor.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <random>
@@ -122,7 +124,7 @@ TEST(SGCompressor, EncoderMatchesTheFormatByteForByte) {
         const std::vector<float> field = smokeLike(c.nx, c.ny, c.nz, seed++);
         const int dims[3] = {c.nx, c.ny, c.nz};
         SGCompressor<3> codec;
-        const int64_t size = codec.encode(field.data(), dims, c.quantBits, c.quantStep, c.passes);
+        const int64_t size = codec.Compress(field.data(), dims, c.quantBits, c.quantStep, c.passes);
         const auto expected =
             reference::encode(field, {c.nx, c.ny, c.nz}, c.quantBits, c.quantStep, c.passes);
         ASSERT_EQ(size, static_cast<int64_t>(expected.size()))
@@ -147,7 +149,7 @@ TEST(SGCompressor, ConstantFieldsAreElevenBytes) {
     SGCompressor<3> codec;
     const std::vector<float> field(60, 2.5f);
     const int dims[3] = {3, 4, 5};
-    ASSERT_EQ(codec.encode(field.data(), dims, 16, 0, 2), 11);
+    ASSERT_EQ(codec.Compress(field.data(), dims, 16, 0, 2), 11);
     const std::vector<uint8_t> expected = {0x01, 0xFC, 1, 60, 0, 0, 0, 0x00, 0x00, 0x20, 0x40};
     EXPECT_EQ(bytesOf(codec.output), expected);
     EXPECT_TRUE(sameBits(decodeAll(codec, expected, 60), field));
@@ -155,11 +157,11 @@ TEST(SGCompressor, ConstantFieldsAreElevenBytes) {
     // One NaN or infinity: all zero.
     std::vector<float> bad = smokeLike(3, 4, 5, 3);
     bad[17] = std::numeric_limits<float>::quiet_NaN();
-    ASSERT_EQ(codec.encode(bad.data(), dims, 16, 0, 2), 11);
+    ASSERT_EQ(codec.Compress(bad.data(), dims, 16, 0, 2), 11);
     EXPECT_EQ(codec.output.data[2], SG_KIND_CONSTANT);
     EXPECT_EQ(decodeAll(codec, bytesOf(codec.output), 60), std::vector<float>(60, 0.0f));
     bad[17] = -std::numeric_limits<float>::infinity();
-    ASSERT_EQ(codec.encode(bad.data(), dims, 8, 0, 1), 11);
+    ASSERT_EQ(codec.Compress(bad.data(), dims, 8, 0, 1), 11);
     EXPECT_EQ(decodeAll(codec, bytesOf(codec.output), 60), std::vector<float>(60, 0.0f));
 }
 
@@ -168,7 +170,7 @@ TEST(SGCompressor, RunsOfFourStayAndRunsOfFiveCollapse) {
     SGCompressor<1> codec;
     const int five[1] = {6};
     const std::vector<float> a = {7, 7, 7, 7, 7, 5};
-    ASSERT_GT(codec.encode(a.data(), five, 0, 1.0f, 0), 0);
+    ASSERT_GT(codec.Compress(a.data(), five, 0, 1.0f, 0), 0);
     // Header, then the flat coder: width 3, base -4, symbols 2 -4 0 as 6 0 4.
     const std::vector<uint8_t> expected = {
         0x01, 0xFC, 2, 6, 0, 0, 0, 0x00, 0x00, 0x80, 0x3F, 0x00, 0x00, 0xA0,
@@ -181,7 +183,7 @@ TEST(SGCompressor, RunsOfFourStayAndRunsOfFiveCollapse) {
     // A value and three repeats: no marker, five symbols 2 2 2 2 0 of width 2.
     const int four[1] = {5};
     const std::vector<float> b = {7, 7, 7, 7, 5};
-    ASSERT_GT(codec.encode(b.data(), four, 0, 1.0f, 0), 0);
+    ASSERT_GT(codec.Compress(b.data(), four, 0, 1.0f, 0), 0);
     EXPECT_EQ(codec.output.data[20], 2);  // the flat width
     EXPECT_EQ(bytesOf(codec.output), reference::encode(b, {5}, 0, 1.0f, 0));
 
@@ -189,11 +191,87 @@ TEST(SGCompressor, RunsOfFourStayAndRunsOfFiveCollapse) {
     std::vector<float> c(100, 3.0f);
     c[0] = 9;
     const int hundred[1] = {100};
-    ASSERT_GT(codec.encode(c.data(), hundred, 0, 1.0f, 0), 0);
+    ASSERT_GT(codec.Compress(c.data(), hundred, 0, 1.0f, 0), 0);
     EXPECT_EQ(bytesOf(codec.output), reference::encode(c, {100}, 0, 1.0f, 0));
     out.assign(100, 0);
     ASSERT_TRUE(codec.decode(codec.output.data, codec.output.count, out.data(), 100));
     EXPECT_EQ(out, c);
+}
+
+TEST(SGCompressor, CollapseRunsMarksFourRepeatsAndMore) {
+    auto collapsed = [](std::vector<int32_t> v) {
+        v.resize(static_cast<size_t>(collapseRuns(v.data(), static_cast<int64_t>(v.size()))));
+        return v;
+    };
+    using V = std::vector<int32_t>;
+    EXPECT_EQ(collapsed({7, 7, 7, 7, 7, 5}), (V{7, -4, 5}));
+    EXPECT_EQ(collapsed({7, 7, 7, 7, 5}), (V{7, 7, 7, 7, 5}));   // three repeats stay
+    EXPECT_EQ(collapsed({1, 2, 2, 2, 2, 2, 2}), (V{1, 2, -5}));  // a run at the very end
+    EXPECT_EQ(collapsed({3, 3, 3, 3, 3, 3, 0, 0, 0, 0, 0, 0, 0, 0, 4, 4}), (V{3, -5, 0, -7, 4, 4}));
+    EXPECT_EQ(collapsed({0, 0, 0, 0, 0, 0, 0, 0, 0}), (V{0, -8}));
+    EXPECT_EQ(collapsed({9}), (V{9}));
+    EXPECT_EQ(collapsed({}), V{});
+    // Runs that restart right after a marker, and long fields of one value.
+    EXPECT_EQ(collapsed({5, 5, 5, 5, 5, 6, 6, 6, 6, 6, 5, 5, 5, 5, 5}), (V{5, -4, 6, -4, 5, -4}));
+    EXPECT_EQ(collapsed(V(100000, 2)), (V{2, -99999}));
+}
+
+TEST(SGCompressor, DecompressReadsMemoryAndOpenFiles) {
+    const int dims[3] = {14, 9, 7};
+    const auto field = smokeLike(14, 9, 7, 17);
+    SGCompressor<3> codec;
+    ASSERT_GT(codec.Compress(field.data(), dims, 14, 0, 2), 0);
+    const auto stream = bytesOf(codec.output);
+    std::vector<float> want(field.size()), got(field.size());
+    ASSERT_EQ(codec.Decompress(stream.data(), stream.size(), want.data(), field.size()), 1);
+    auto bad = stream;
+    bad[1] = 0;  // unknown magic
+    EXPECT_EQ(codec.Decompress(bad.data(), bad.size(), got.data(), field.size()), 0);
+    EXPECT_EQ(codec.Decompress(nullptr, 10, got.data(), field.size()), 0);
+
+    // A file with the stream between other bytes: read from where the file stands, no further
+    // than the stream's length.
+    test::TempDir dir;
+    const std::string path = dir.file("block.bin");
+    {
+        std::FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        const std::vector<uint8_t> before(37, 0xAB), after(11, 0xCD);
+        std::fwrite(before.data(), 1, before.size(), f);
+        std::fwrite(stream.data(), 1, stream.size(), f);
+        std::fwrite(after.data(), 1, after.size(), f);
+        std::fclose(f);
+    }
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    ASSERT_NE(f, nullptr);
+    std::fseek(f, 37, SEEK_SET);
+    ASSERT_EQ(codec.Decompress(f, stream.size(), got.data(), field.size(), true), 1);
+    EXPECT_TRUE(sameBits(got, want));
+    EXPECT_EQ(std::ftell(f), 37 + static_cast<long>(stream.size()));
+    // A length far beyond the file reads what is there.
+    std::fseek(f, 37, SEEK_SET);
+    std::fill(got.begin(), got.end(), 0.0f);
+    ASSERT_EQ(codec.Decompress(f, uint64_t(1) << 40, got.data(), field.size(), true), 1);
+    EXPECT_TRUE(sameBits(got, want));
+    // A file that ends inside the stream, and one positioned wrongly.
+    std::fseek(f, 37, SEEK_SET);
+    EXPECT_EQ(codec.Decompress(f, stream.size() / 2, got.data(), field.size(), true), 0);
+    std::fseek(f, 36, SEEK_SET);
+    EXPECT_EQ(codec.Decompress(f, stream.size(), got.data(), field.size(), true), 0);
+    std::fclose(f);
+
+    // A pipe cannot seek: it is read in pieces up to the stream's length.
+    ASSERT_LT(stream.size(), 4096u);  // fits the pipe's buffer, so no writer thread is needed
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(write(fds[1], stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
+    close(fds[1]);
+    std::FILE* p = fdopen(fds[0], "rb");
+    ASSERT_NE(p, nullptr);
+    std::fill(got.begin(), got.end(), 0.0f);
+    ASSERT_EQ(codec.Decompress(p, uint64_t(1) << 40, got.data(), field.size(), true), 1);
+    EXPECT_TRUE(sameBits(got, want));
+    std::fclose(p);
 }
 
 TEST(SGCompressor, LosslessAtTwentyBitsAndBoundedBelow) {
@@ -201,7 +279,7 @@ TEST(SGCompressor, LosslessAtTwentyBitsAndBoundedBelow) {
     const int dims[3] = {21, 19, 11};
     SGCompressor<3> codec;
     for (int bits : {20, 24, 32}) {
-        ASSERT_GT(codec.encode(field.data(), dims, bits, 0, 2), 0);
+        ASSERT_GT(codec.Compress(field.data(), dims, bits, 0, 2), 0);
         EXPECT_EQ(codec.output.data[2], SG_KIND_RAW);
         EXPECT_TRUE(sameBits(decodeAll(codec, bytesOf(codec.output), field.size()), field));
     }
@@ -209,7 +287,7 @@ TEST(SGCompressor, LosslessAtTwentyBitsAndBoundedBelow) {
     const float hi = *std::max_element(field.begin(), field.end());
     for (int bits : {4, 8, 12, 16, 19}) {
         for (int passes : {0, 1, 2, 3}) {
-            ASSERT_GT(codec.encode(field.data(), dims, bits, 0, passes), 0);
+            ASSERT_GT(codec.Compress(field.data(), dims, bits, 0, passes), 0);
             const auto got = decodeAll(codec, bytesOf(codec.output), field.size());
             // Half a step, plus float rounding of the scale, the product and the sum.
             const double bound = (hi - lo) / std::ldexp(2.0, bits) + 4e-7 * (std::fabs(hi) + 1);
@@ -220,7 +298,7 @@ TEST(SGCompressor, LosslessAtTwentyBitsAndBoundedBelow) {
         }
     }
     // A fixed step: within half of it.
-    ASSERT_GT(codec.encode(field.data(), dims, 0, 0.001f, 1), 0);
+    ASSERT_GT(codec.Compress(field.data(), dims, 0, 0.001f, 1), 0);
     const auto got = decodeAll(codec, bytesOf(codec.output), field.size());
     for (size_t i = 0; i < field.size(); ++i) ASSERT_NEAR(got[i], field[i], 0.0005 + 1e-6);
 }
@@ -229,7 +307,7 @@ TEST(SGCompressor, CompressesSmoothFields) {
     const auto field = smokeLike(48, 40, 32, 11);
     const int dims[3] = {48, 40, 32};
     SGCompressor<3> codec;
-    const int64_t size = codec.encode(field.data(), dims, 16, 0, 1);
+    const int64_t size = codec.Compress(field.data(), dims, 16, 0, 1);
     ASSERT_GT(size, 0);
     EXPECT_LT(size * 4, static_cast<int64_t>(field.size() * 4));  // at least 4x below raw
     EXPECT_EQ(codec.output.data[2], SG_KIND_CODED);
@@ -239,21 +317,21 @@ TEST(SGCompressor, BadSettingsAndHugeStepsAreHandled) {
     const auto field = smokeLike(8, 8, 8, 5);
     const int dims[3] = {8, 8, 8};
     SGCompressor<3> codec;
-    EXPECT_EQ(codec.encode(field.data(), dims, 0, 0.0f, 1), 0);    // no step
-    EXPECT_EQ(codec.encode(field.data(), dims, -1, -2.0f, 1), 0);  // negative step
-    EXPECT_EQ(codec.encode(field.data(), dims, 8, 0, 256), 0);     // passes in one byte
-    EXPECT_EQ(codec.encode(field.data(), dims, 8, 0, -1), 0);
+    EXPECT_EQ(codec.Compress(field.data(), dims, 0, 0.0f, 1), 0);    // no step
+    EXPECT_EQ(codec.Compress(field.data(), dims, -1, -2.0f, 1), 0);  // negative step
+    EXPECT_EQ(codec.Compress(field.data(), dims, 8, 0, 256), 0);     // passes in one byte
+    EXPECT_EQ(codec.Compress(field.data(), dims, 8, 0, -1), 0);
     const int negative[3] = {8, -8, 8};
-    EXPECT_EQ(codec.encode(field.data(), negative, 8, 0, 1), 0);
+    EXPECT_EQ(codec.Compress(field.data(), negative, 8, 0, 1), 0);
     // Far more steps than 32-bit integers hold: stored losslessly instead.
     test::LogRecorder log;
-    ASSERT_GT(codec.encode(field.data(), dims, 0, 1e-12f, 1), 0);
+    ASSERT_GT(codec.Compress(field.data(), dims, 0, 1e-12f, 1), 0);
     EXPECT_EQ(codec.output.data[2], SG_KIND_RAW);
     EXPECT_TRUE(log.contains("stored raw"));
     EXPECT_TRUE(sameBits(decodeAll(codec, bytesOf(codec.output), field.size()), field));
     // Empty field.
     const int empty[3] = {0, 5, 5};
-    ASSERT_EQ(codec.encode(nullptr, empty, 8, 0, 1), 11);
+    ASSERT_EQ(codec.Compress(nullptr, empty, 8, 0, 1), 11);
     EXPECT_TRUE(codec.decode(codec.output.data, codec.output.count, nullptr, 0));
 }
 
@@ -266,7 +344,7 @@ TEST(SGCompressor, ParticleStreamsRoundTrip) {
     SGCompressor<1> codec;
     const int dims[1] = {5000};
     for (int passes : {0, 1, 2}) {
-        ASSERT_GT(codec.encode(v.data(), dims, 16, 0, passes), 0);
+        ASSERT_GT(codec.Compress(v.data(), dims, 16, 0, passes), 0);
         const std::vector<uint8_t> s = bytesOf(codec.output);
         EXPECT_EQ(s, reference::encode(v, {5000}, 16, 0, passes));
         std::vector<float> out(5000);
@@ -311,7 +389,7 @@ TEST(SGCompressor, ZonedStreamsDecodeLikeTheirSlabs) {
             ASSERT_LT(z0, z1);
             const int slab[3] = {nx, ny, z1 - z0};
             SGCompressor<3> single;
-            ASSERT_GT(single.encode(field.data() + size_t(z0) * nx * ny, slab, 12, 0, 2), 0);
+            ASSERT_GT(single.Compress(field.data() + size_t(z0) * nx * ny, slab, 12, 0, 2), 0);
             ASSERT_TRUE(single.decode(single.output.data, single.output.count,
                                       expected.data() + size_t(z0) * nx * ny,
                                       size_t(z1 - z0) * nx * ny));
@@ -360,7 +438,7 @@ TEST(SGCompressor, MalformedStreamsAreRejected) {
     const int dims[3] = {12, 10, 8};
     const auto field = smokeLike(12, 10, 8, 9);
     SGCompressor<3> codec;
-    ASSERT_GT(codec.encode(field.data(), dims, 12, 0, 2), 0);
+    ASSERT_GT(codec.Compress(field.data(), dims, 12, 0, 2), 0);
     const auto good = bytesOf(codec.output);
     const uint64_t cells = field.size();
     std::vector<float> out(cells + 16);

@@ -3,6 +3,7 @@
 #include "foundation/ThreadManager.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "foundation/sys/Event.h"
 #include "foundation/sys/threads.h"
 
@@ -250,5 +252,97 @@ TEST(ThreadManager, AffinityIsInUseUnlessTheVariableIsZero) {
         IndexRecorder shared;
         shared.manager = &manager;
         EXPECT_EQ(manager.run(2, &shared, nullptr, false), 0);
+    }
+}
+
+namespace {
+
+// A folder laid out like the kernel's node listing, with the given processor lists.
+void writeNodes(const test::TempDir& dir, const std::vector<std::string>& lists) {
+    for (size_t i = 0; i < lists.size(); ++i) {
+        const std::string node = dir.file("node" + std::to_string(i));
+        mkdir(node.c_str(), 0755);
+        const std::string text = lists[i] + "\n";
+        test::writeBytes(node + "/cpulist", std::vector<uint8_t>(text.begin(), text.end()));
+    }
+}
+
+// Records the processors each thread of a bulk run may use.
+struct MaskRecorder : ThreadShared {
+    std::mutex mutex;
+    std::vector<sys::ProcessorMask> masks = std::vector<sys::ProcessorMask>(8);
+    void procedure(int index, int, std::atomic<uint32_t>&) override {
+        sys::ProcessorMask mask;
+        sys::getCurrentThreadAffinity(mask);
+        std::lock_guard<std::mutex> lock(mutex);
+        masks[static_cast<size_t>(index)] = mask;
+    }
+};
+
+sys::ProcessorMask only(int processor) {
+    sys::ProcessorMask mask(static_cast<size_t>(processor) / 64 + 1, 0);
+    mask[static_cast<size_t>(processor) / 64] = uint64_t(1) << (processor % 64);
+    return mask;
+}
+
+}  // namespace
+
+TEST(ThreadManager, BulkThreadsFillOneNodeAfterTheOther) {
+    sys::ProcessorMask process;
+    ASSERT_TRUE(sys::getProcessAffinity(process));
+    std::vector<int> cpus;
+    for (size_t w = 0; w < process.size(); ++w)
+        for (int b = 0; b < 64; ++b)
+            if ((process[w] >> b) & 1) cpus.push_back(static_cast<int>(w * 64) + b);
+    if (cpus.size() < 2) GTEST_SKIP() << "needs two processors";
+    const std::string a = std::to_string(cpus[0]), b = std::to_string(cpus[1]);
+    ScopedEnv affinity("LUMO_USE_THREAD_AFFINITY", nullptr);
+
+    // Two nodes of one processor each: threads 0, 2, 4 on the first, 1, 3 on the second.
+    // A processor the process may not use (here: beyond the machine) is left out of its node.
+    test::TempDir twoNodes;
+    writeNodes(twoNodes, {a + ",1000", b});
+    {
+        PosixThreadManager manager(twoNodes.path());
+        MaskRecorder shared;
+        ASSERT_EQ(manager.run(5, &shared, nullptr, false), 0);
+        for (int k = 0; k < 5; ++k)
+            EXPECT_EQ(shared.masks[static_cast<size_t>(k)], only(cpus[k % 2])) << k;
+
+        // A pool thread that served a pinned run gets the whole process mask back for the
+        // long-running style.
+        for (int i = 0; i < 2000 && manager.idleThreads() < manager.poolSize(); ++i)
+            sys::sleepMilliseconds(1);
+        struct Probe : ThreadProcedure {
+            sys::Event done{true};
+            sys::ProcessorMask mask;
+            void run(void*) override {
+                sys::getCurrentThreadAffinity(mask);
+                done.set();
+            }
+        } probe;
+        ASSERT_TRUE(manager.startThread(&probe, nullptr));
+        ASSERT_TRUE(probe.done.wait(5000));
+        EXPECT_EQ(probe.mask, process);
+        for (int i = 0; i < 2000 && manager.idleThreads() < manager.poolSize(); ++i)
+            sys::sleepMilliseconds(1);
+    }
+
+    // One node with processors (and a memory-only one) pins nothing; neither does a manager
+    // made while thread affinity is off.
+    test::TempDir oneNode;
+    writeNodes(oneNode, {a + "," + b, ""});
+    {
+        PosixThreadManager manager(oneNode.path());
+        MaskRecorder shared;
+        ASSERT_EQ(manager.run(3, &shared, nullptr, false), 0);
+        for (int k = 0; k < 3; ++k) EXPECT_EQ(shared.masks[static_cast<size_t>(k)], process) << k;
+    }
+    {
+        ScopedEnv off("LUMO_USE_THREAD_AFFINITY", "0");
+        PosixThreadManager manager(twoNodes.path());
+        MaskRecorder shared;
+        ASSERT_EQ(manager.run(3, &shared, nullptr, false), 0);
+        for (int k = 0; k < 3; ++k) EXPECT_EQ(shared.masks[static_cast<size_t>(k)], process) << k;
     }
 }

@@ -87,11 +87,13 @@ void setThreadPriority(int tid, bool low) {
     setpriority(PRIO_PROCESS, static_cast<id_t>(tid), nice);
 }
 
-bool getProcessAffinity(ProcessorMask& mask) {
+namespace {
+
+bool readAffinity(pid_t tid, ProcessorMask& mask) {
     mask.clear();
     cpu_set_t set;
     CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof set, &set) != 0) return false;
+    if (sched_getaffinity(tid, sizeof set, &set) != 0) return false;
     for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
         if (!CPU_ISSET(cpu, &set)) continue;
         const size_t word = static_cast<size_t>(cpu) / 64;
@@ -101,9 +103,8 @@ bool getProcessAffinity(ProcessorMask& mask) {
     return !mask.empty();
 }
 
-bool setThreadAffinity(const ThreadHandle& thread, const ProcessorMask& mask) {
-    if (!thread.valid) return false;
-    cpu_set_t set;
+// The processors of `mask` as a kernel set. @return false when it names none that fit.
+bool toCpuSet(const ProcessorMask& mask, cpu_set_t& set) {
     CPU_ZERO(&set);
     bool any = false;
     for (size_t word = 0; word < mask.size(); ++word)
@@ -114,7 +115,26 @@ bool setThreadAffinity(const ThreadHandle& thread, const ProcessorMask& mask) {
                 CPU_SET(cpu, &set);
                 any = true;
             }
-    if (!any) return false;
+    return any;
+}
+
+}  // namespace
+
+// The main thread's id is the process id.
+bool getProcessAffinity(ProcessorMask& mask) { return readAffinity(getpid(), mask); }
+
+bool getCurrentThreadAffinity(ProcessorMask& mask) { return readAffinity(0, mask); }
+
+bool setCurrentThreadAffinity(const ProcessorMask& mask) {
+    cpu_set_t set;
+    if (!toCpuSet(mask, set)) return false;
+    return sched_setaffinity(0, sizeof set, &set) == 0;
+}
+
+bool setThreadAffinity(const ThreadHandle& thread, const ProcessorMask& mask) {
+    if (!thread.valid) return false;
+    cpu_set_t set;
+    if (!toCpuSet(mask, set)) return false;
     return pthread_setaffinity_np(thread.id, sizeof set, &set) == 0;
 }
 

@@ -39,8 +39,14 @@ void setThreadPriority(int tid, bool low);
 /// 64g to 64g+63), the way machines with processor groups count them.
 using ProcessorMask = std::vector<uint64_t>;
 
-/// Processors the process may run on. @return false (and an empty mask) if unknown.
+/// Processors the process may run on (those of its main thread, whatever the calling thread
+/// is pinned to). @return false (and an empty mask) if unknown.
 bool getProcessAffinity(ProcessorMask& mask);
+/// Processors the calling thread may run on. @return false (and an empty mask) if unknown.
+bool getCurrentThreadAffinity(ProcessorMask& mask);
+/// Pins the calling thread to the processors of `mask` (`sched_setaffinity`).
+/// @return false for an empty mask or if the platform refused.
+bool setCurrentThreadAffinity(const ProcessorMask& mask);
 /// Pins the thread to the processors of `mask`. @return false if the platform refused.
 bool setThreadAffinity(const ThreadHandle& thread, const ProcessorMask& mask);
 /// Pins the thread to the processors `mask` of group `group`.
