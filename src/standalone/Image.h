@@ -1,6 +1,7 @@
 // A rendered image: linear float RGBA beauty plus the render elements the renderer keeps.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 namespace vaporix {

@@ -44,8 +44,8 @@ public:
     void lightAt(const double point[3], const double* normal, float out[3]);
 
     /// Transmittance of all volumes between two world points (1 = clear), per channel.
-    /// `seed` drives the jitter of the shadow ray.
-    void transmittance(const double from[3], const double to[3], uint32_t seed, float out[3]);
+    /// `rayseed` drives the jitter of the shadow ray.
+    void transmittance(const double from[3], const double to[3], uint32_t rayseed, float out[3]);
 
     const LightingScene& scene() const { return mScene; }
 

@@ -1,0 +1,203 @@
+// vaporix render: one cache frame rendered by the stand-alone renderer to PNG or OpenEXR.
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "CacheArg.h"
+#include "Command.h"
+#include "standalone/GridObject.h"
+#include "standalone/ImageIO.h"
+#include "standalone/Renderer.h"
+#include "standalone/TerminalProgress.h"
+
+namespace vaporix::cli {
+namespace {
+
+const char* USAGE =
+    "usage: vaporix render FILE|PATTERN [--frame N] [--params FILE.json] [--set NAME=VALUE]...\n"
+    "                      [--camera PX PY PZ TX TY TZ FOV] [--light SPEC]... [--size W H]\n"
+    "                      [--samples N] [--threads N] [--seed N] [--ground]\n"
+    "                      [--background R G B] [-q] -o OUT.png|OUT.exr\n"
+    "\n"
+    "Renders one cache frame with the volume shader. Without --camera the camera frames the\n"
+    "grid's box from a three-quarter view (front right, above); without --light one white key\n"
+    "light shines from the front left above, with a little ambient light. The world is Z-up.\n"
+    "  --frame N          with a frame pattern (smoke_####.vxg): the file of frame N (default:\n"
+    "                     the sequence's first frame)\n"
+    "  --params FILE.json a parameter set, as 'vaporix params --save' writes it\n"
+    "  --set NAME=VALUE   set a parameter after --params (repeatable; forms as in\n"
+    "                     'vaporix params --help')\n"
+    "  --camera PX PY PZ TX TY TZ FOV\n"
+    "                     camera position, target and vertical field of view in degrees\n"
+    "  --light SPEC       a light (repeatable); numbers comma-separated, parts by colons:\n"
+    "                       directional:DX,DY,DZ[:R,G,B[:I]]   DX,DY,DZ the way the light travels\n"
+    "                       point:X,Y,Z[:R,G,B[:I]]\n"
+    "                       spot:X,Y,Z:TX,TY,TZ:ANGLE[,FALLOFF][:R,G,B[:I]]\n"
+    "                       ambient:R,G,B[:I]\n"
+    "                     colour default white, intensity I default 1; point and spot lights\n"
+    "                     fall off with the squared distance, and without I they deliver their\n"
+    "                     colour at the centre of the grid; a spot's ANGLE is its full cone (the\n"
+    "                     outer fifth soft), or with FALLOFF the hotspot inside FALLOFF\n"
+    "  --size W H         image size in pixels (default 640 360)\n"
+    "  --samples N        camera rays per pixel, jittered when above 1 (default 1)\n"
+    "  --threads N        render threads (default: all; the image is the same for any count)\n"
+    "  --seed N           seed of the pixels' random numbers (default: the frame number)\n"
+    "  --ground           a grey ground plane at the bottom of the grid that catches shadows\n"
+    "  --background R G B linear background colour (default 0 0 0)\n"
+    "  -q                 quiet: no progress bar and no summary\n"
+    "  -o OUT             the image: .png (8 bits, gamma 2.2, RGBA) or .exr (half floats,\n"
+    "                     linear: R G B A, volume.R/G/B, transmittance.R/G/B)\n"
+    "\n"
+    "Ctrl-C stops the render; no image is written then (exit status 1).\n";
+
+bool parseNumbers(const std::vector<std::string>& values, double* out) {
+    for (size_t k = 0; k < values.size(); ++k)
+        if (!parseFloat(values[k], out[k])) return false;
+    return true;
+}
+
+int run(int argc, char** argv) {
+    const char* CMD = "render";
+    Args args;
+    std::string error;
+    if (!args.parse(argc, argv, 2,
+                    {frameOption(),
+                     {"--params", 1},
+                     {"--set", 1, true},
+                     {"--camera", 7},
+                     {"--light", 1, true},
+                     {"--size", 2},
+                     {"--samples", 1},
+                     {"--threads", 1},
+                     {"--seed", 1},
+                     {"--ground"},
+                     {"--background", 3},
+                     {"-q"},
+                     {"-o", 1},
+                     {"--help"},
+                     {"-h"}},
+                    error))
+        return usageError(CMD, error);
+    if (args.has("--help") || args.has("-h")) {
+        std::fputs(USAGE, stdout);
+        return EXIT_OK;
+    }
+
+    // The whole command line is checked before anything is read.
+    if (args.positional.empty()) return usageError(CMD, "a cache file or pattern is required");
+    if (args.positional.size() > 1) return usageError(CMD, "unexpected " + args.positional[1]);
+    if (!args.has("-o")) return usageError(CMD, "-o OUT.png|OUT.exr is required");
+    const std::string outPath = args.value("-o");
+    if (!isImageFileName(outPath)) return usageError(CMD, "-o takes a name ending in .png or .exr");
+
+    RenderSettings settings;
+    long long number = 0;
+    double d[7];
+    if (args.has("--size")) {
+        long long w = 0, h = 0;
+        if (!parseInt(args.values("--size")[0], w) || !parseInt(args.values("--size")[1], h) ||
+            w < 1 || h < 1 || w > Image::MAX_SIZE || h > Image::MAX_SIZE)
+            return usageError(
+                CMD, "--size takes two whole numbers from 1 to " + std::to_string(Image::MAX_SIZE));
+        settings.width = static_cast<int>(w);
+        settings.height = static_cast<int>(h);
+    }
+    if (args.has("--samples")) {
+        if (!parseInt(args.value("--samples"), number) || number < 1 || number > 4096)
+            return usageError(CMD, "--samples takes a whole number from 1 to 4096");
+        settings.samples = static_cast<int>(number);
+    }
+    if (args.has("--threads")) {
+        if (!parseInt(args.value("--threads"), number) || number < 1 || number > 1024)
+            return usageError(CMD, "--threads takes a whole number from 1 to 1024");
+        settings.threads = static_cast<int>(number);
+    }
+    const bool haveSeed = args.has("--seed");
+    if (haveSeed) {
+        if (!parseInt(args.value("--seed"), number) || number < 0 || number > UINT32_MAX)
+            return usageError(CMD, "--seed takes a whole number from 0 to 4294967295");
+        settings.frameSeed = static_cast<uint32_t>(number);
+    }
+    if (args.has("--background")) {
+        if (!parseNumbers(args.values("--background"), d))
+            return usageError(CMD, "--background takes three numbers R G B");
+        for (int c = 0; c < 3; ++c) settings.background[c] = static_cast<float>(d[c]);
+    }
+    settings.ground.enabled = args.has("--ground");
+    for (const auto& use : args.uses("--light")) {
+        Light light;
+        if (!parseLight(use[0], light, error)) return usageError(CMD, error);
+        settings.lights.push_back(light);
+    }
+    const bool haveCamera = args.has("--camera");
+    if (haveCamera) {
+        if (!parseNumbers(args.values("--camera"), d))
+            return usageError(CMD, "--camera takes seven numbers PX PY PZ TX TY TZ FOV");
+        for (int a = 0; a < 3; ++a) {
+            settings.camera.position[a] = d[a];
+            settings.camera.target[a] = d[3 + a];
+        }
+        settings.camera.fov = d[6];
+        Camera probe = settings.camera;
+        if (!probe.prepare(settings.width, settings.height, &error))
+            return usageError(CMD, "--camera: " + error);
+    }
+    const bool quiet = args.has("-q");
+
+    // The frame and its look.
+    std::string file;
+    if (int status = resolveCacheArg(CMD, args.positional[0], args, file); status != EXIT_OK)
+        return status;
+    long long frameNumber = 0;
+    if (args.has("--frame")) parseInt(args.value("--frame"), frameNumber);  // checked above
+    GridObject object;
+    if (object.loadFrame(file, static_cast<int>(frameNumber), error) != 0)
+        return failure(CMD, error);
+    if (args.has("--params")) {
+        std::vector<std::string> warnings;
+        if (!object.loadParams(args.value("--params"), warnings, error)) return failure(CMD, error);
+        for (const std::string& w : warnings)
+            std::fprintf(stderr, "vaporix render: %s\n", w.c_str());
+    }
+    for (const auto& use : args.uses("--set"))
+        if (!object.applySetting(use[0], error)) return usageError(CMD, error);
+    if (!object.prepare(error)) return failure(CMD, file + ": " + error);
+
+    // The view: what the command line leaves open comes from the default view.
+    std::vector<GridObject*> objects{&object};
+    RenderSettings view = settings;
+    if (!applyDefaultView(view, objects)) return failure(CMD, file + ": the grid is empty");
+    if (!haveCamera) settings.camera = view.camera;
+    if (settings.lights.empty()) settings.lights = view.lights;
+    settings.ground.height = view.ground.height;
+    if (!haveSeed) settings.frameSeed = static_cast<uint32_t>(object.time() / TICKS_PER_FRAME);
+
+    // The render, stoppable with Ctrl-C.
+    const auto start = std::chrono::steady_clock::now();
+    Image image;
+    int result;
+    {
+        InterruptGuard interrupt;
+        TerminalProgress progress(static_cast<uint64_t>(settings.width) * settings.height,
+                                  !quiet && TerminalProgress::isTerminal(stderr));
+        result = renderImage(settings, objects, image, &progress, &error);
+    }
+    if (result == RENDER_ABORTED) return failure(CMD, "interrupted; no image written");
+    if (result != RENDER_OK) return failure(CMD, error);
+    if (!writeImage(outPath, image, error)) return failure(CMD, error);
+    if (!quiet) {
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        std::fprintf(stderr, "vaporix render: wrote %s (%dx%d, %.1f s)\n", outPath.c_str(),
+                     settings.width, settings.height, seconds);
+    }
+    return EXIT_OK;
+}
+
+}  // namespace
+
+VAPORIX_COMMAND("render", "render a cache frame to a PNG or OpenEXR image", run);
+
+}  // namespace vaporix::cli
