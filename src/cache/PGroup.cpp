@@ -5,6 +5,7 @@
 
 #include "cache/ParticleJobs.h"
 #include "cache/SGCompressor.h"
+#include "cache/SymbolCoder.h"
 #include "cache/VaporixFrameData.h"
 #include "cache/limits.h"
 #include "cache/zlibutil.h"
@@ -48,7 +49,8 @@ void IDORD::mergeSort(uint32_t* items, uint32_t* scratch, int n) const {
     mergeSort(items, scratch, half);
     mergeSort(items + half, scratch, n - half);
     int i = 0, j = half, k = 0;
-    while (i < half && j < n) scratch[k++] = isGreater(items[i], items[j]) ? items[j++] : items[i++];
+    while (i < half && j < n)
+        scratch[k++] = isGreater(items[i], items[j]) ? items[j++] : items[i++];
     while (i < half) scratch[k++] = items[i++];
     while (j < n) scratch[k++] = items[j++];
     std::memcpy(items, scratch, sizeof(uint32_t) * static_cast<size_t>(n));
@@ -269,9 +271,13 @@ int PGroup::DecompressChannel(int channel, bool dropCompressed) {
                 ok = srcBytes >= bytes;
                 if (ok && bytes) std::memcpy(dst, src, bytes);
                 break;
-            case PRT_KIND_ZLIB:
-                ok = inflateInto(src, srcBytes, dst, bytes);
+            case PRT_KIND_ZLIB: {
+                uint64_t written = 0;
+                ok = inflateInto(src, srcBytes, dst, bytes, &written);
+                // A stream that ends early leaves its last particles at 0, as kind 4 does.
+                if (ok && written < bytes) std::memset(dst + written, 0, bytes - written);
                 break;
+            }
             case PRT_KIND_SG: {
                 SGCompressor<1> codec;
                 ok = codec.decode(src, srcBytes, reinterpret_cast<float*>(dst), values);
@@ -334,6 +340,45 @@ void PGroup::buildIdOrder() {
     if (!idOrder.resize(count, nullptr, true)) return;
     for (int i = 0; i < count; ++i) idOrder.data[i] = static_cast<uint32_t>(i);
     idOrder.sortById();
+}
+
+bool PGroup::expandIdDifferences(const uint8_t* data, uint64_t size) {
+    ChannelData& cd = channelData[PRT_ID];
+    cd.kind = PRT_KIND_RAW;
+    cd.compressed.free();
+    cd.expanded.free();
+    idOrder.free();
+    idOrder.group = this;
+    if (count <= 0 || !data) return false;
+    const uint64_t pairs = static_cast<uint64_t>(count);
+    SymbolCoder coder;
+    if (!expansionJustified(pairs * 8, size) || !coder.startDecoding(data, size, pairs * 2) ||
+        !cd.expanded.resize(static_cast<long long>(pairs * 8), nullptr, true))
+        return false;
+
+    // Running sum of the differences, in unsigned arithmetic so that a damaged stream wraps
+    // instead of overflowing.
+    uint64_t id = 0;
+    bool ascending = true;
+    for (uint64_t i = 0; i < pairs; ++i) {
+        const uint32_t low = static_cast<uint32_t>(coder.next());
+        const uint32_t high = static_cast<uint32_t>(coder.next());
+        const uint64_t difference = (uint64_t(high) << 32) | low;
+        if (i > 0 && static_cast<int64_t>(difference) < 0) ascending = false;
+        id = i == 0 ? difference : id + difference;
+        std::memcpy(cd.expanded.data + i * 8, &id, 8);
+        // A stream that ends early would otherwise be read as endless zero bits.
+        if ((i & 4095) == 4095 && coder.overrun()) break;
+    }
+    if (coder.overrun()) {
+        cd.expanded.free();
+        return false;
+    }
+    if (!ascending && idOrder.resize(count, nullptr, true)) {
+        for (int i = 0; i < count; ++i) idOrder.data[i] = static_cast<uint32_t>(i);
+        idOrder.sortById();
+    }
+    return true;
 }
 
 int PGroup::FindById(int64_t id) {

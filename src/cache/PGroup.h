@@ -119,6 +119,12 @@ public:
     int64_t idAt(uint32_t index) const;
     /// Fills `idOrder` after channel 10 was expanded, or leaves it empty when IDs ascend.
     void buildIdOrder();
+    /// Expands the IDs of the oldest files into channel 10: a bare symbol stream of (low, high)
+    /// 32-bit halves of signed 64-bit differences, one pair per particle, summed up from the
+    /// first. A negative difference after the first makes `idOrder`. @return false for a stream
+    /// that is malformed, too short or too small for the particle count (channel 10 then stays
+    /// empty).
+    bool expandIdDifferences(const uint8_t* data, uint64_t size);
 };
 
 }  // namespace vaporix

@@ -109,12 +109,13 @@ void MTPrtIn::jobProc(Job& job) {
     }
 }
 
-void MTPrtIn::gather(const uint32_t* planes, int64_t count, int components, uint32_t* out) {
+void MTPrtIn::gather(
+    const uint32_t* planes, int64_t count, int components, uint32_t* out, int threads) {
     mPlanes = planes;
     mOut = out;
     mCount = count;
     mComponents = components;
-    init();
+    init(threads);
     setSpan(static_cast<uint64_t>(count));
     runJobs(0);
 }

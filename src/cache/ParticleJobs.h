@@ -42,7 +42,9 @@ class MTPrtIn : public MTJobs {
 public:
     const char* getName() const override { return "MT PRTIN"; }
     void jobProc(Job& job) override;
-    void gather(const uint32_t* planes, int64_t count, int components, uint32_t* out);
+    /// Fills `out` with count * components words; `threads` as for MTJobs::init.
+    void gather(
+        const uint32_t* planes, int64_t count, int components, uint32_t* out, int threads = -1);
 
 private:
     const uint32_t* mPlanes = nullptr;

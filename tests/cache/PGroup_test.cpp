@@ -3,13 +3,18 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <numeric>
+#include <random>
 
 #include "Fixtures.h"
 #include "TestSupport.h"
 #include "VxgBuilder.h"
 #include "cache/ParticleJobs.h"
+#include "cache/SGCompressor.h"
+#include "cache/SymbolCoder.h"
 #include "cache/VaporixFrameData.h"
 
 using namespace vaporix;
@@ -29,6 +34,40 @@ void setIds(PGroup& g, const std::vector<int64_t>& ids) {
     g.count = static_cast<int>(ids.size());
     ASSERT_TRUE(g.setChannel(PRT_ID, ids.data(), ~uint64_t(0)));
     g.buildIdOrder();
+}
+
+/// The ID stream of the oldest files: (low, high) halves of the differences, the first from 0.
+Bytes idDifferenceStream(const std::vector<int64_t>& ids) {
+    std::vector<int32_t> pairs;
+    for (size_t i = 0; i < ids.size(); ++i) {
+        const uint64_t d =
+            static_cast<uint64_t>(ids[i]) - (i ? static_cast<uint64_t>(ids[i - 1]) : 0);
+        pairs.push_back(static_cast<int32_t>(static_cast<uint32_t>(d)));
+        pairs.push_back(static_cast<int32_t>(static_cast<uint32_t>(d >> 32)));
+    }
+    SymbolCoder coder;
+    coder.encode(pairs.data(), pairs.size());
+    Bytes b;
+    b.raw(coder.bytes.data, static_cast<size_t>(coder.bytes.count));
+    return b;
+}
+
+std::vector<int64_t> idsOf(PGroup& g) {
+    std::vector<int64_t> ids;
+    for (int i = 0; i < g.count; ++i) ids.push_back(g.idAt(static_cast<uint32_t>(i)));
+    return ids;
+}
+
+/// Whether idOrder is a permutation of the particles in ascending ID order.
+bool idOrderSorts(PGroup& g) {
+    if (g.idOrder.count != g.count) return false;
+    std::vector<uint32_t> seen(g.idOrder.begin(), g.idOrder.end());
+    std::sort(seen.begin(), seen.end());
+    for (int i = 0; i < g.count; ++i)
+        if (seen[static_cast<size_t>(i)] != static_cast<uint32_t>(i)) return false;
+    for (int k = 1; k < g.count; ++k)
+        if (g.idAt(g.idOrder[k - 1]) > g.idAt(g.idOrder[k])) return false;
+    return true;
 }
 
 }  // namespace
@@ -57,18 +96,20 @@ TEST(PGroup, BitPlanesAroundMultiplesOfThirtyTwo) {
             values.push_back(static_cast<uint32_t>(i) << 20);
         }
         const auto planes = toBitPlanes(values, count, 2);
-        setCompressed(g, PRT_ID, PRT_KIND_BITPLANES, deflateBytes(planes.data(), planes.size() * 4));
+        setCompressed(g, PRT_ID, PRT_KIND_BITPLANES,
+                      deflateBytes(planes.data(), planes.size() * 4));
         ASSERT_EQ(g.DecompressChannel(PRT_ID, false), 1) << count;
         ASSERT_EQ(g.channelData[PRT_ID].expanded.count, count * 8);
-        EXPECT_EQ(std::memcmp(g.channelData[PRT_ID].expanded.data, values.data(), values.size() * 4), 0)
+        EXPECT_EQ(
+            std::memcmp(g.channelData[PRT_ID].expanded.data, values.data(), values.size() * 4), 0)
             << count;
     }
     // Count 33: particle 32 reads bit 0 of the second word of each plane.
     PGroup g;
     g.count = 33;
     std::vector<uint32_t> planes(2 * 32, 0);
-    planes[1] = 1;           // plane 0 (bit 0), word 1
-    planes[2 * 5 + 1] = 1;   // plane 5 (bit 5), word 1
+    planes[1] = 1;          // plane 0 (bit 0), word 1
+    planes[2 * 5 + 1] = 1;  // plane 5 (bit 5), word 1
     setCompressed(g, 2, PRT_KIND_BITPLANES, deflateBytes(planes.data(), planes.size() * 4));
     ASSERT_EQ(g.DecompressChannel(2, false), 1);
     uint32_t v;
@@ -276,7 +317,7 @@ TEST(VaporixFrameData, ParticleBoxSkipsBadParticles) {
         pos.push_back(-static_cast<float>(i % 7));
         pos.push_back(static_cast<float>(i) * 0.01f);
     }
-    pos[30] = NAN;       // particle 10
+    pos[30] = NAN;        // particle 10
     pos[60] = 200000.0f;  // particle 20
     frame.groups[0].count = 1000;
     frame.groups[0].setChannel(PRT_POSITION, pos.data(), ~uint64_t(0));
@@ -291,4 +332,215 @@ TEST(VaporixFrameData, ParticleBoxSkipsBadParticles) {
     VaporixFrameData none;
     none.computeParticleBox(box);
     EXPECT_EQ(box[0], 1e20f);
+}
+
+TEST(PGroup, CodedStreamsOfKindsTwoAndThree) {
+    // Quantised streams, as a simulator writes them: kind 3 must interleave what the codec
+    // decodes, kind 2 must take it as it stands.
+    const int count = 301;
+    std::vector<float> planar;
+    for (int k = 0; k < 3; ++k)
+        for (int i = 0; i < count; ++i) planar.push_back(std::sin(0.05f * i + k) * (k + 1) * 40.0f);
+    SGCompressor<1> codec;
+    const int dims[1] = {count * 3};
+    ASSERT_GT(codec.encode(planar.data(), dims, 12, 0, 1), 0);
+    const Bytes stream = Bytes().raw(codec.output.data, static_cast<size_t>(codec.output.count));
+    std::vector<float> decoded(planar.size());
+    ASSERT_TRUE(codec.decode(stream.data.data(), stream.size(), decoded.data(), decoded.size()));
+    ASSERT_NE(decoded, planar);  // lossy: the test compares with the codec, not the input
+
+    PGroup g;
+    g.count = count;
+    setCompressed(g, PRT_VELOCITY, PRT_KIND_SG_COMPONENTS, stream);
+    setCompressed(g, 4, PRT_KIND_SG, stream);
+    ASSERT_EQ(g.DecompressChannel(PRT_VELOCITY, false), 1);
+    ASSERT_EQ(g.DecompressChannel(4, false), 1);
+    for (int i = 0; i < count; i += 7) {
+        float v[3], w[3];
+        ASSERT_TRUE(g.GetValue(i, PRT_VELOCITY, v));
+        ASSERT_TRUE(g.GetValue(i, 4, w));
+        for (int k = 0; k < 3; ++k) {
+            EXPECT_EQ(v[k], decoded[static_cast<size_t>(k * count + i)]) << i << " " << k;
+            EXPECT_EQ(w[k], decoded[static_cast<size_t>(i * 3 + k)]) << i << " " << k;
+        }
+    }
+    // A stream for fewer values than the particles need is damaged.
+    PGroup more;
+    more.count = count + 1;
+    setCompressed(more, PRT_VELOCITY, PRT_KIND_SG_COMPONENTS, stream);
+    EXPECT_EQ(more.DecompressChannel(PRT_VELOCITY, false), 0);
+    EXPECT_FALSE(more.HasChannel(PRT_VELOCITY));
+}
+
+TEST(PRTIN, ResultDoesNotDependOnTheJobCount) {
+    // Job spans that don't fall on multiples of 32 take the bit-by-bit path at their edges.
+    const int count = 1000;
+    const int components = 3;
+    std::mt19937 rng(11);
+    std::vector<uint32_t> values(count * components);
+    for (auto& v : values) v = rng();
+    const auto planes = toBitPlanes(values, count, components);
+    for (int threads : {1, 3, 7, 13}) {
+        std::vector<uint32_t> out(values.size(), 0xDEADBEEFu);
+        MTPrtIn gather;
+        gather.gather(planes.data(), count, components, out.data(), threads);
+        EXPECT_EQ(out, values) << threads << " jobs";
+    }
+}
+
+TEST(PGroup, IdsOfOldFilesAreSummedDifferences) {
+    struct Case {
+        std::vector<int64_t> ids;
+        bool ordered;  // whether idOrder is needed
+    };
+    const Case cases[] = {
+        {{10, 20, 20, 35}, false},  // equal neighbours are ascending
+        {{-7, 3}, false},           // only the differences after the first count
+        {{30, 10, 20}, true},       // idOrder 1, 2, 0
+        {{int64_t(1) << 40, (int64_t(1) << 40) + 5, -(int64_t(1) << 50)}, true},  // both halves
+        {{42}, false},
+    };
+    for (const Case& c : cases) {
+        PGroup g;
+        g.count = static_cast<int>(c.ids.size());
+        const Bytes stream = idDifferenceStream(c.ids);
+        ASSERT_TRUE(g.expandIdDifferences(stream.data.data(), stream.size()));
+        EXPECT_EQ(idsOf(g), c.ids);
+        EXPECT_TRUE(g.HasChannel(PRT_ID));
+        EXPECT_EQ(g.idOrder.count, c.ordered ? g.count : 0);
+        if (c.ordered) {
+            EXPECT_TRUE(idOrderSorts(g));
+        }
+        for (size_t i = 0; i < c.ids.size(); ++i) {
+            const int at = g.FindById(c.ids[i]);
+            ASSERT_GE(at, 0) << c.ids[i];
+            EXPECT_EQ(g.idAt(static_cast<uint32_t>(at)), c.ids[i]);
+        }
+        EXPECT_EQ(g.FindById(c.ids[0] + 1000), -1);
+    }
+    PGroup g;
+    g.count = 3;
+    const std::vector<uint32_t> order = {1, 2, 0};
+    const Bytes unsorted = idDifferenceStream({30, 10, 20});
+    ASSERT_TRUE(g.expandIdDifferences(unsorted.data.data(), unsorted.size()));
+    EXPECT_EQ(std::vector<uint32_t>(g.idOrder.begin(), g.idOrder.end()), order);
+    EXPECT_EQ(g.FindById(30), 0);
+
+    // A stream for far fewer particles (a few more fit in its padding bits), a damaged one and
+    // an empty group leave no IDs behind.
+    g.count = 40;
+    EXPECT_FALSE(g.expandIdDifferences(unsorted.data.data(), unsorted.size()));
+    EXPECT_FALSE(g.HasChannel(PRT_ID));
+    EXPECT_EQ(g.idOrder.count, 0);
+    EXPECT_EQ(g.FindById(30), -1);
+    const uint8_t junk[4] = {0, 0xFF, 0xFF, 0xFF};
+    EXPECT_FALSE(g.expandIdDifferences(junk, sizeof junk));
+    EXPECT_FALSE(g.HasChannel(PRT_ID));
+    g.count = 0;
+    EXPECT_FALSE(g.expandIdDifferences(unsorted.data.data(), unsorted.size()));
+}
+
+TEST(PGroup, ExchangeAndMergeSortAgreeAroundSeven) {
+    std::mt19937 rng(5);
+    for (int n = 2; n <= 40; ++n) {
+        std::vector<int64_t> ids(static_cast<size_t>(n));
+        // Few distinct values: duplicates on both sides of every merge.
+        for (auto& id : ids) id = static_cast<int64_t>(rng() % 5) - 2;
+        PGroup g;
+        setIds(g, ids);
+        if (std::is_sorted(ids.begin(), ids.end()) && ids[0] >= 0) {
+            EXPECT_EQ(g.idOrder.count, 0) << n;
+        } else {
+            EXPECT_TRUE(idOrderSorts(g)) << n;
+        }
+        for (int64_t id = -3; id <= 3; ++id) {
+            const int at = g.FindById(id);
+            const bool present = std::find(ids.begin(), ids.end(), id) != ids.end();
+            EXPECT_EQ(at >= 0, present) << n << " " << id;
+            if (at >= 0) {
+                EXPECT_EQ(ids[static_cast<size_t>(at)], id);
+            }
+        }
+    }
+}
+
+TEST(PGroup, OldCodedFileTakesItsIdsFromTheSubTag) {
+    VaporixFrameData f;
+    ASSERT_EQ(
+        f.importFile(testDataPath("gen0_coded_particles.vxg").c_str(), "", 0, true, false, false),
+        0);
+    ASSERT_EQ(f.groups.count, 1);
+    PGroup& g = f.groups[0];
+    EXPECT_NE(g.channelBits & (1u << PRT_ID), 0u);
+    ASSERT_TRUE(g.HasChannel(PRT_ID));
+    EXPECT_EQ(idsOf(g),
+              std::vector<int64_t>(std::begin(fixture::OLD_IDS), std::end(fixture::OLD_IDS)));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(g.FindById(fixture::OLD_IDS[i]), i);
+        EXPECT_EQ(f.getParticleId(-1, i), fixture::OLD_IDS[i]);
+    }
+    EXPECT_TRUE(idOrderSorts(g));
+    // A header read of the same file still takes the particles: there is no summary.
+    VaporixFrameData h;
+    ASSERT_EQ(h.importHeader(testDataPath("gen0_coded_particles.vxg").c_str(), ""), 0);
+    ASSERT_EQ(h.groups.count, 1);
+    EXPECT_EQ(h.groups[0].FindById(10), 1);
+}
+
+TEST(PGroup, DamagedChannelsOfAFileAreDroppedWhileTheFrameLoads) {
+    TempDir dir;
+    const auto pos = fixture::positions(4);
+    const float ages[4] = {1, 2, 3, 4};
+    const Bytes zAges = deflateBytes(ages, sizeof ages);
+    Bytes particles;
+    particles.i32(1).str("Foam").i32(0).i32(4).raw("12345678", 8).i32(5);
+    particles.i32(0).i32(0).i32(48).raw(pos.data(), 48);                         // good, raw
+    particles.i32(2).i32(1).i32(8).raw("not zlib", 8);                           // damaged zlib
+    particles.i32(3).i32(1).i32(static_cast<int32_t>(zAges.size())).raw(zAges);  // good
+    particles.i32(5).i32(3).i32(7).raw(rawStream({1, 2}).data.data(), 7);        // cut stream
+    particles.i32(10).i32(4).i32(6).raw("\x78\x9c\x01\x02\x03\x04", 6);          // damaged planes
+    VxgBuilder v4(4);
+    const float box[6] = {0, 0, 0, 1, 1, 1};
+    v4.chunk(1000, summaryBody("Foam", 4, 0x42D, 0, box));
+    v4.chunk(1002, particles);
+    v4.tag(0);
+    v4.write(dir.file("v4.vxg"));
+
+    VaporixFrameData f;
+    ASSERT_EQ(f.importFile(dir.file("v4.vxg").c_str(), "", 0, true, false, false), 0);
+    ASSERT_EQ(f.groups.count, 1);
+    PGroup& g = f.groups[0];
+    EXPECT_EQ(g.channelBits, (1u << PRT_POSITION) | (1u << PRT_AGE));
+    EXPECT_EQ(g.GetCount(), 4);
+    EXPECT_FALSE(g.HasChannel(PRT_SIZE));
+    EXPECT_FALSE(g.HasChannel(5));
+    EXPECT_FALSE(g.HasChannel(PRT_ID));
+    EXPECT_EQ(g.FindById(0), -1);
+    EXPECT_EQ(f.getParticleAge(-1, 3), 4.0f);
+    EXPECT_EQ(f.getParticleSize(-1, 3, 2.0f), 0.1f);
+    float p[3];
+    EXPECT_EQ(f.getParticlePosition(-1, 3, p, nullptr), 1);
+    EXPECT_EQ(p[2], pos[11]);
+
+    // The oldest form: a cut ID stream under the sub-tag costs the IDs, not the file.
+    const Bytes ids = idDifferenceStream({5, 6, 7, 8});
+    VxgBuilder old(0);
+    uint32_t table[32];
+    for (auto& e : table) e = 0xFFFFFFFFu;
+    table[0] = 0;
+    old.tags().i32(7).i32(12).raw(pos.data(), 48);
+    old.tags().i32(1).str("Liquid").i32(4).raw(table, sizeof table);
+    old.tags()
+        .i32(2)
+        .i32(static_cast<int32_t>(ids.size() / 2))
+        .raw(ids.data.data(), ids.size() / 2);
+    old.tags().i32(0);
+    old.tag(0);
+    old.write(dir.file("old.vxg"));
+    VaporixFrameData o;
+    ASSERT_EQ(o.importFile(dir.file("old.vxg").c_str(), "", 0, true, false, false), 0);
+    ASSERT_EQ(o.groups.count, 1);
+    EXPECT_EQ(o.groups[0].channelBits, 1u << PRT_POSITION);
+    EXPECT_FALSE(o.groups[0].HasChannel(PRT_ID));
+    EXPECT_EQ(o.particleBox[5], pos[11]);
 }

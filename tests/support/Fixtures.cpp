@@ -3,6 +3,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "cache/VaporixFrameData.h"
@@ -100,9 +101,40 @@ void oldParticleSection(VxgBuilder& f, bool coded, bool ids) {
     Bytes& t = f.tags();
     t.i32(coded ? 13 : 7).i32(static_cast<int32_t>(pool.size() / 4)).raw(pool);
     t.i32(1).str("Liquid").i32(count).raw(table, sizeof table);
-    t.i32(1).i32(5);                 // flags
-    t.i32(3).raw("ABCDEFGH", 8);     // reserved8
-    if (ids) t.i32(2).i32(4).i32(0);  // an ID stream the reader keeps as it is
+    t.i32(1).i32(5);              // flags
+    t.i32(3).raw("ABCDEFGH", 8);  // reserved8
+    if (ids) {
+        // The IDs as (low, high) halves of their differences, the first from 0, in the flat
+        // form of the symbol coder assembled bit by bit: width, base, symbols less base.
+        std::vector<int32_t> pairs;
+        for (int i = 0; i < 3; ++i) {
+            const uint64_t d = static_cast<uint64_t>(fixture::OLD_IDS[i]) -
+                               static_cast<uint64_t>(i ? fixture::OLD_IDS[i - 1] : 0);
+            pairs.push_back(static_cast<int32_t>(static_cast<uint32_t>(d)));
+            pairs.push_back(static_cast<int32_t>(static_cast<uint32_t>(d >> 32)));
+        }
+        const int32_t base = *std::min_element(pairs.begin(), pairs.end());
+        const int width = 6;  // the spread of these symbols is 50
+        std::vector<uint8_t> stream;
+        uint64_t acc = 0;
+        int filled = 0;
+        auto put = [&](uint64_t v, int n) {
+            for (int b = 0; b < n; ++b) {
+                acc |= ((v >> b) & 1u) << filled;
+                if (++filled == 8) {
+                    stream.push_back(static_cast<uint8_t>(acc));
+                    acc = 0;
+                    filled = 0;
+                }
+            }
+        };
+        put(width, 8);
+        put(static_cast<uint32_t>(base), 32);
+        for (int32_t p : pairs) put(static_cast<uint32_t>(p - base), width);
+        put(0, (8 - filled) % 8);
+        while (stream.size() % 4) stream.push_back(0);
+        t.i32(2).i32(static_cast<int32_t>(stream.size())).raw(stream.data(), stream.size());
+    }
     t.i32(0);
 }
 

@@ -23,6 +23,8 @@ std::vector<float> ramp(int n);
 std::vector<float> positions(int count);
 /// IDs of the writer's fixture group: 1000 + 7i, with particles 3 and 4 exchanged.
 std::vector<int64_t> ids(int count);
+/// IDs of the coded oldest fixture's group, stored as differences under an ID sub-tag.
+constexpr int64_t OLD_IDS[3] = {30, 10, 20};
 }  // namespace fixture
 
 /// Bit-plane form of particle channel kind 4 before deflate: plane (k * 32 + b) of w words
