@@ -1,4 +1,7 @@
 // Cost of the frame lookup, which lists the cache folder on every call.
+//
+// Baseline: BM_ListFolder, the bare listing of the same folder that every lookup starts with.
+// The ratio BM_FindFrameFile / BM_ListFolder is what matching the names costs on top.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -6,9 +9,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "foundation/EnumFiles.h"
 #include "foundation/FramePattern.h"
+#include "foundation/sys/Files.h"
 
 namespace {
 
@@ -34,6 +39,24 @@ public:
 private:
     std::string mPath;
 };
+
+void BM_ListFolder(benchmark::State& state) {
+    const int frames = static_cast<int>(state.range(0));
+    SequenceFolder folder(frames);
+    const std::string path = folder.pattern().substr(0, folder.pattern().rfind('/'));
+    std::vector<vaporix::sys::FolderEntry> entries;
+    for (auto _ : state) {
+        vaporix::sys::listFolder(path, entries);
+        benchmark::DoNotOptimize(entries.data());
+    }
+    state.SetItemsProcessed(state.iterations() * frames);
+}
+BENCHMARK(BM_ListFolder)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->ArgName("files")
+    ->Unit(benchmark::kMicrosecond);
 
 void BM_FindFrameFile(benchmark::State& state) {
     const int frames = static_cast<int>(state.range(0));

@@ -56,6 +56,16 @@ int64_t distance(int32_t a, int32_t b) { return std::llabs(int64_t(a) - int64_t(
 
 std::string describeErrno() { return errno ? std::strerror(errno) : "unknown error"; }
 
+// Renames `path` to a free hidden name in `folder` (its own folder); "" when that fails.
+std::string moveAside(const std::string& folder, const std::string& path) {
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::string keep = folder + ".vaporix-replaced-" + std::to_string(attempt);
+        if (sys::moveFile(path, keep, false)) return keep;
+        if (errno != EEXIST) break;
+    }
+    return {};
+}
+
 }  // namespace
 
 std::vector<std::string> listMatchingFiles(const std::string& mask) {
@@ -163,44 +173,82 @@ bool transferSequence(const std::string& pattern,
             error = targets[i] + " is a file of the source sequence";
             return false;
         }
-        if (existed[i] && !overwrite) {
-            error = targets[i] + (sys::isFolder(targets[i]) ? " is a folder" : " exists");
+        if (existed[i] && sys::isFolder(targets[i])) {
+            error = targets[i] + " is a folder";
             return false;
         }
-    }
-    std::string destFolder, destName;
-    splitPath(destFolder, destPattern, destName);
-    if (!destFolder.empty() && !sys::isFolder(destFolder)) {
-        createDirectories(destPattern);
-        if (!sys::isFolder(destFolder)) {
-            error = "cannot make folder " + destFolder + ": " + describeErrno();
+        if (existed[i] && !overwrite) {
+            error = targets[i] + " exists";
             return false;
         }
     }
 
-    // Do the work; on the first failure undo what was done, newest first.
-    for (size_t i = 0; i < files.size(); ++i) {
-        const bool ok = move ? sys::moveFile(files[i].path, targets[i], overwrite)
-                             : sys::copyFile(files[i].path, targets[i], overwrite);
-        if (ok) continue;
-        error = std::string(move ? "cannot move " : "cannot copy ") + files[i].path + " to " +
-                targets[i] + ": " + describeErrno();
-        size_t unrestored = 0;
-        for (size_t k = i; k-- > 0;) {
-            if (move) {
-                if (!sys::moveFile(targets[k], files[k].path, false)) ++unrestored;
-            } else if (!existed[k]) {
-                sys::deleteFile(targets[k]);
+    // The folders of the destination; those made here go again if the transfer fails.
+    std::string destFolder, destName;
+    splitPath(destFolder, destPattern, destName);
+    std::vector<std::string> madeFolders;
+    if (!destFolder.empty() && !sys::isFolder(destFolder)) {
+        for (size_t i = 1; i < destFolder.size(); ++i)
+            if (destFolder[i] == '/' && !sys::isFolder(destFolder.substr(0, i)))
+                madeFolders.push_back(destFolder.substr(0, i));
+        createDirectories(destPattern);
+        const std::string why = describeErrno();  // before the check below changes errno
+        if (!sys::isFolder(destFolder)) {
+            error = "cannot make folder " + destFolder + ": " + why;
+            for (auto it = madeFolders.rbegin(); it != madeFolders.rend(); ++it)
+                sys::removeEmptyFolder(*it);
+            return false;
+        }
+    }
+
+    // Do the work. A target that is replaced is first renamed aside in its own folder, so that
+    // a failure can put back exactly what was there before.
+    std::vector<std::string> aside(files.size());
+    size_t done = 0;
+    std::string failure;
+    for (; done < files.size(); ++done) {
+        const std::string& from = files[done].path;
+        const std::string& to = targets[done];
+        if (existed[done]) {
+            aside[done] = moveAside(destFolder, to);
+            if (aside[done].empty()) {
+                failure = "cannot replace " + to + ": " + describeErrno();
+                break;
             }
         }
-        if (unrestored)
-            error += "; " + std::to_string(unrestored) + " moved file(s) could not be moved back";
-        else if (move && i > 0)
-            error += "; the " + std::to_string(i) + " file(s) moved before were moved back";
-        return false;
+        if (!(move ? sys::moveFile(from, to, false) : sys::copyFile(from, to, false))) {
+            failure = std::string(move ? "cannot move " : "cannot copy ") + from + " to " + to +
+                      ": " + describeErrno();
+            break;
+        }
     }
-    if (fileCount) *fileCount = files.size();
-    return true;
+    if (done == files.size()) {
+        for (const std::string& keep : aside)
+            if (!keep.empty()) sys::deleteFile(keep);
+        if (fileCount) *fileCount = files.size();
+        return true;
+    }
+
+    // Undo, newest first: moved files go back, copies go, replaced targets return.
+    size_t unrestored = 0;
+    for (size_t k = done + 1; k-- > 0;) {
+        if (k < done) {
+            const bool undone = move ? sys::moveFile(targets[k], files[k].path, false)
+                                     : sys::deleteFile(targets[k]);
+            if (!undone) ++unrestored;
+        }
+        if (!aside[k].empty() && !sys::moveFile(aside[k], targets[k], false)) ++unrestored;
+    }
+    for (auto it = madeFolders.rbegin(); it != madeFolders.rend(); ++it)
+        sys::removeEmptyFolder(*it);
+    error = failure;
+    if (unrestored)
+        error += "; " + std::to_string(unrestored) + " file(s) could not be restored";
+    else if (move)
+        error += "; nothing was moved, the source sequence is whole";
+    else
+        error += "; no copy was left behind";
+    return false;
 }
 
 namespace VaporixEnum {

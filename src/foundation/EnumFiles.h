@@ -64,10 +64,11 @@ std::vector<std::string> listMatchingFiles(const std::string& mask);
 /// folders of `destPattern` made as needed. All is checked before anything is written: a
 /// source without files, a file without a frame number (unless it is the only file and
 /// `destPattern` has no frame pattern), two files landing on one name, a target that is a
-/// source file, and (without `overwrite`) a target that exists are refused with nothing done.
-/// When a copy or move fails half way the work is undone: copies made are removed, moved files
-/// are moved back, so the source sequence is left intact. Files that `overwrite` replaced are not
-/// restored.
+/// source file or a folder, and (without `overwrite`) a target that exists are refused with
+/// nothing done. When a copy or move fails half way the work is undone: copies made are
+/// removed, moved files are moved back, targets that `overwrite` was replacing are put back
+/// (they are renamed aside until the end) and folders made are removed again, so the source
+/// sequence and the destination are left as they were.
 /// @return true on success; false with `error` saying why.
 bool transferSequence(const std::string& pattern,
                       const std::string& destPattern,

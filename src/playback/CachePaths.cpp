@@ -81,6 +81,18 @@ std::string expandRendInput(const std::string& rendinput,
     return expandCachePathMacros(rendinput, makeCachePathContext(host, *node, scenePath));
 }
 
+bool getCachePath(std::string& out,
+                  int kind,
+                  const std::string& rendinput,
+                  const IHost& host,
+                  const IHostNode* node,
+                  const std::string& scenePath) {
+    const bool answered =
+        kind == CACHE_INPUT || kind == CACHE_FOR_PLAYBACK || kind == CACHE_FOR_MAPPING;
+    out = answered ? expandRendInput(rendinput, host, node, scenePath) : std::string();
+    return !out.empty();
+}
+
 bool findSequenceByPrefix(std::string& out,
                           const std::string& prefix,
                           const std::string& extension) {
@@ -213,6 +225,17 @@ std::string cacheFileNameAt(const std::string& path, int cacheTime, int ticksPer
                               ? FRAME_NOT_SET
                               : cacheTime / ticksPerFrame;
     return expandFramePattern(path, frame, "");
+}
+
+bool ShowFileNameView::onTimeChange(bool visible,
+                                    const std::string& path,
+                                    int cacheTime,
+                                    int ticksPerFrame) {
+    if (!visible) return false;
+    std::string name = cacheFileNameAt(path, cacheTime, ticksPerFrame);
+    if (name == text) return false;
+    text.swap(name);
+    return true;
 }
 
 }  // namespace vaporix

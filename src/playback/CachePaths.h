@@ -60,6 +60,17 @@ std::string expandRendInput(const std::string& rendinput,
                             const IHostNode* node,
                             const std::string& scenePath = "");
 
+/// The cache path a grid object answers for `kind`: the expanded `rendinput` for the input
+/// (1) and its playback (100) and mapping (101) views; "" for every other kind (the object has
+/// no output or resimulation paths of its own, so deletion, kind 102, finds nothing) and
+/// without a node. @return true when `out` is not empty, which is what `hasCache(kind)` says.
+bool getCachePath(std::string& out,
+                  int kind,
+                  const std::string& rendinput,
+                  const IHost& host,
+                  const IHostNode* node,
+                  const std::string& scenePath = "");
+
 /// The shortest sequence pattern among the files `prefix` + "*." + `extension` (the first one
 /// found on equal length); each file is turned into a pattern with `makePatternFromFile`.
 /// @return true with `out` set, false with `out` empty when no file matches.
@@ -172,6 +183,19 @@ bool deleteCacheFiles(int kind, const std::string& deletionPath, ICacheFileDialo
 
 /// Title line of the "Show File Name..." window for `kind`.
 std::string showFileNameTitle(int kind);
+
+/// The text of a "Show File Name..." window, one per cache path kind.
+class ShowFileNameView {
+public:
+    explicit ShowFileNameView(int kind) : title(showFileNameTitle(kind)) {}
+    /// On a change of the scene time: while the window is visible the file name for
+    /// `cacheTime` is computed, and it replaces `text` only when it differs.
+    /// @return true when `text` changed (the window redraws it).
+    bool onTimeChange(bool visible, const std::string& path, int cacheTime, int ticksPerFrame);
+
+    std::string title;
+    std::string text;
+};
 
 /// The file name a cache time leads to: the frame is `cacheTime / ticksPerFrame` (integer
 /// division). The "no time" value, or a non-positive `ticksPerFrame`, leaves the frame empty.

@@ -28,6 +28,15 @@ std::set<std::string> names(const std::vector<SequenceFile>& files) {
     return out;
 }
 
+// Every name in a folder, hidden ones included.
+std::set<std::string> entryNames(const std::string& folder) {
+    std::vector<sys::FolderEntry> entries;
+    sys::listFolder(folder, entries);
+    std::set<std::string> out;
+    for (const auto& e : entries) out.insert(e.name);
+    return out;
+}
+
 // A visitor that records what it is shown, in order.
 class Recorder : public EnumFiles {
 public:
@@ -128,6 +137,33 @@ TEST(EnumFiles, StrictSearchRejectsOtherWidthsAndNames) {
     // Without strict every listed name is processed, in both passes.
     EXPECT_EQ(loose.seen.size(), 6u);
     EXPECT_EQ(std::count(loose.seen.begin(), loose.seen.end(), dir.file("c_x_0005.vxg")), 2);
+}
+
+TEST(EnumFiles, PatternRulesHoldOnDisk) {
+    TempDir dir;
+    for (const char* n :
+         {"p%%_0003.vxg", "p%_0003.vxg", "r_000000000005.vxg", "r_00000000000000000006.vxg",
+          "n_-003.vxg", "n_0004.vxg", "b_  12.vxg", "b_12.vxg"})
+        touch(dir.file(n));
+    std::string path;
+    // "%%" stays two characters in the name searched for.
+    EXPECT_TRUE(findFrameFile(dir.file("p%%_####.vxg"), 3, true, path));
+    EXPECT_EQ(path, dir.file("p%%_0003.vxg"));
+    // Twenty '#' stand for twelve digits: a longer zero run is another name.
+    const std::string twenty = dir.path() + "/r_" + std::string(20, '#') + ".vxg";
+    EXPECT_TRUE(findFrameFile(twenty, 5, true, path));
+    EXPECT_EQ(path, dir.file("r_000000000005.vxg"));
+    EXPECT_FALSE(findFrameFile(twenty, 6, true, path));
+    // The sign takes a place of the width, zeros go behind it.
+    EXPECT_TRUE(findFrameFile(dir.file("n_####.vxg"), -3, true, path));
+    EXPECT_EQ(path, dir.file("n_-003.vxg"));
+    EXPECT_TRUE(findFrameFile(dir.file("n_####.vxg"), -1, false, path));
+    EXPECT_EQ(path, dir.file("n_-003.vxg"));  // -3 and 4 are 2 and 5 away
+    // Without the zero flag the width is filled with blanks, which names may hold.
+    EXPECT_TRUE(findFrameFile(dir.file("b_%4d.vxg"), 12, true, path));
+    EXPECT_EQ(path, dir.file("b_  12.vxg"));
+    EXPECT_TRUE(findFrameFile(dir.file("b_%d.vxg"), 12, true, path));
+    EXPECT_EQ(path, dir.file("b_12.vxg"));
 }
 
 TEST(EnumFiles, SecondPassFindsUnpaddedVxgFrames) {
@@ -373,32 +409,86 @@ TEST(TransferSequence, RefusesDoubtfulPlans) {
 
 TEST(TransferSequence, FailedMoveLeavesTheSourceIntact) {
     TempDir dir;
-    for (uint8_t i = 1; i <= 4; ++i) touch(dir.file("v_000" + std::to_string(i) + ".vxg"), i);
-    // The target of frame 3 is a folder: the third move fails after two have succeeded.
-    ASSERT_TRUE(createDirectories(dir.path() + "/dst/w_0003.vxg/"));
-    touch(dir.file("dst/w_0003.vxg/inside"));
+    for (uint8_t i = 8; i <= 11; ++i) touch(dir.file("v_" + std::to_string(i) + ".vxg"), i);
+    // Target names of one digit fit the system's 255-byte limit, those of two don't: the move
+    // of frame 10 fails after frames 8 and 9 have moved, whoever runs the test.
+    const std::string stem = std::string(249, 'w');
+    const std::string dest = dir.path() + "/made/deeper/" + stem + "_%d.vxg";
     std::string error;
-    EXPECT_FALSE(
-        transferSequence(dir.file("v_####.vxg"), dir.file("dst/w_####.vxg"), true, true, error));
+    EXPECT_FALSE(transferSequence(dir.file("v_#.vxg"), dest, true, false, error));
     EXPECT_NE(error.find("cannot move"), std::string::npos) << error;
-    EXPECT_NE(error.find("moved back"), std::string::npos) << error;
-    for (uint8_t i = 1; i <= 4; ++i)
-        EXPECT_EQ(test::readBytes(dir.file("v_000" + std::to_string(i) + ".vxg")),
+    EXPECT_NE(error.find("source sequence is whole"), std::string::npos) << error;
+    for (uint8_t i = 8; i <= 11; ++i)
+        EXPECT_EQ(test::readBytes(dir.file("v_" + std::to_string(i) + ".vxg")),
                   std::vector<uint8_t>{i});
-    EXPECT_FALSE(sys::isFile(dir.file("dst/w_0001.vxg")));
-    EXPECT_FALSE(sys::isFile(dir.file("dst/w_0002.vxg")));
+    // The folders made for the targets went again.
+    EXPECT_FALSE(sys::isFolder(dir.file("made")));
+
+    // With targets being replaced: the replaced files come back too, and nothing is left aside.
+    ASSERT_TRUE(createDirectories(dir.path() + "/dst/"));
+    touch(dir.file("dst/" + stem + "_9.vxg"), 99);
+    EXPECT_FALSE(transferSequence(dir.file("v_#.vxg"), dir.file("dst/" + stem + "_%d.vxg"), true,
+                                  true, error));
+    EXPECT_EQ(entryNames(dir.file("dst")), std::set<std::string>{stem + "_9.vxg"});
+    EXPECT_EQ(test::readBytes(dir.file("dst/" + stem + "_9.vxg")), std::vector<uint8_t>{99});
+    EXPECT_EQ(listSequence(dir.file("v_#.vxg")).size(), 4u);
 
     // The same plan as a copy leaves no partial copies behind.
-    EXPECT_FALSE(
-        transferSequence(dir.file("v_####.vxg"), dir.file("dst/w_####.vxg"), false, true, error));
-    EXPECT_FALSE(sys::isFile(dir.file("dst/w_0001.vxg")));
+    EXPECT_FALSE(transferSequence(dir.file("v_#.vxg"), dir.file("dst/" + stem + "_%d.vxg"), false,
+                                  true, error));
+    EXPECT_NE(error.find("no copy was left"), std::string::npos) << error;
+    EXPECT_EQ(entryNames(dir.file("dst")), std::set<std::string>{stem + "_9.vxg"});
+    EXPECT_EQ(test::readBytes(dir.file("dst/" + stem + "_9.vxg")), std::vector<uint8_t>{99});
 
     // And a clean move empties the source.
     EXPECT_TRUE(
-        transferSequence(dir.file("v_####.vxg"), dir.file("dst2/w_####.vxg"), true, false, error))
+        transferSequence(dir.file("v_#.vxg"), dir.file("dst2/w_####.vxg"), true, false, error))
         << error;
-    EXPECT_TRUE(listSequence(dir.file("v_####.vxg")).empty());
+    EXPECT_TRUE(listSequence(dir.file("v_#.vxg")).empty());
     EXPECT_EQ(listSequence(dir.file("dst2/w_####.vxg")).size(), 4u);
+}
+
+TEST(TransferSequence, ReadOnlyDestinationLeavesTheSourceIntact) {
+    if (geteuid() == 0) GTEST_SKIP() << "root writes into read-only folders";
+    TempDir dir;
+    for (uint8_t i = 1; i <= 3; ++i) touch(dir.file("r_000" + std::to_string(i) + ".vxg"), i);
+    ASSERT_TRUE(createDirectories(dir.path() + "/ro/"));
+    chmod(dir.file("ro").c_str(), 0555);
+    std::string error;
+    EXPECT_FALSE(
+        transferSequence(dir.file("r_####.vxg"), dir.file("ro/r_####.vxg"), true, true, error));
+    EXPECT_FALSE(
+        transferSequence(dir.file("r_####.vxg"), dir.file("ro/sub/r_####.vxg"), true, true, error));
+    EXPECT_NE(error.find("cannot make folder"), std::string::npos) << error;
+    chmod(dir.file("ro").c_str(), 0755);
+    EXPECT_TRUE(entryNames(dir.file("ro")).empty());
+    EXPECT_EQ(listSequence(dir.file("r_####.vxg")).size(), 3u);
+}
+
+TEST(TransferSequence, ReplacesTargetsOnlyWhenAskedAndNeverFolders) {
+    TempDir dir;
+    touch(dir.file("s_0001.vxg"), 1);
+    touch(dir.file("s_0002.vxg"), 2);
+    ASSERT_TRUE(createDirectories(dir.path() + "/d/t_0002.vxg/"));
+    std::string error;
+    // A folder in the way is refused up front, even when replacing.
+    EXPECT_FALSE(
+        transferSequence(dir.file("s_####.vxg"), dir.file("d/t_####.vxg"), true, true, error));
+    EXPECT_NE(error.find("is a folder"), std::string::npos) << error;
+    EXPECT_EQ(entryNames(dir.file("d")), std::set<std::string>{"t_0002.vxg"});
+    ASSERT_TRUE(sys::removeEmptyFolder(dir.file("d/t_0002.vxg")));
+
+    touch(dir.file("d/t_0002.vxg"), 7);
+    EXPECT_FALSE(
+        transferSequence(dir.file("s_####.vxg"), dir.file("d/t_####.vxg"), true, false, error));
+    EXPECT_NE(error.find("exists"), std::string::npos) << error;
+    EXPECT_EQ(test::readBytes(dir.file("d/t_0002.vxg")), std::vector<uint8_t>{7});
+    EXPECT_TRUE(
+        transferSequence(dir.file("s_####.vxg"), dir.file("d/t_####.vxg"), true, true, error))
+        << error;
+    EXPECT_EQ(test::readBytes(dir.file("d/t_0002.vxg")), std::vector<uint8_t>{2});
+    // The replaced file was set aside until the end, and is gone now.
+    EXPECT_EQ(entryNames(dir.file("d")), (std::set<std::string>{"t_0001.vxg", "t_0002.vxg"}));
 }
 
 TEST(Files, CopyKeepsPermissionsAndLeavesNoTemporaries) {

@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "cache/VaporixFrameData.h"
+#include "foundation/EnumFiles.h"
 #include "foundation/FramePattern.h"
 #include "foundation/sys/Files.h"
 
@@ -108,6 +110,84 @@ TEST(CachePaths, MacroOrderAndSinglePass) {
               "$(DIR)$(simoutput)$(same_as_output)");
     // Non-ASCII bytes are not "code 32 and below".
     EXPECT_EQ(expandCachePathMacros("\xc3\xa9t\xc3\xa9.vxg", c), "\xc3\xa9t\xc3\xa9.vxg");
+}
+
+TEST(CachePaths, OnlyTheInputKindsHaveAPath) {
+    FakeHost host;
+    host.scene = "/s/a.vxs";
+    FakeNode node;
+    std::string out = "stale";
+    for (int kind : {1, 100, 101}) {
+        EXPECT_TRUE(getCachePath(out, kind, "$(dir)/c_####.vxg", host, &node)) << kind;
+        EXPECT_EQ(out, "/s/c_####.vxg");
+    }
+    for (int kind : {0, 2, 3, 102, 5}) {
+        EXPECT_FALSE(getCachePath(out, kind, "$(dir)/c_####.vxg", host, &node)) << kind;
+        EXPECT_EQ(out, "");
+    }
+    EXPECT_FALSE(getCachePath(out, CACHE_INPUT, "$(dir)/c_####.vxg", host, nullptr));
+    EXPECT_FALSE(getCachePath(out, CACHE_INPUT, " \t", host, &node));  // only blanks: empty
+}
+
+TEST(CachePaths, ImplicitTemplateLeadsToTheFramesOnDisk) {
+    // A saved scene in a folder with spaces and non-ASCII letters, a node name with a blank:
+    // the expanded template finds the frames written beside the scene.
+    TempDir dir;
+    const std::string sceneDir = dir.path() + "/proj \xc3\xa9t\xc3\xa9";
+    FakeHost host;
+    host.scene = sceneDir + "/shot 1.vxs";
+    FakeNode node;
+    node.nodeName = "Fire \xe7\x81\xab";
+    node.nodeHandle = 4242;
+    const std::string pattern = expandRendInput("  $(implicit)", host, &node);
+    EXPECT_EQ(pattern, sceneDir + "/shot 1.vxs_Vaporix2_frames/ND4242_Fire \xe7\x81\xab_####.vxg");
+    ASSERT_TRUE(createDirectories(pattern));
+    for (int frame : {1, 2, 30}) touch(expandFramePattern(pattern, frame));
+    std::string path;
+    EXPECT_TRUE(findFrameFile(pattern, 29, false, path));
+    EXPECT_EQ(path, expandFramePattern(pattern, 30));
+    VaporixEnum::MinMaxFrameSearch range;
+    EXPECT_EQ(enumerateSequence(range, pattern, true), 1);
+    EXPECT_EQ(range.minFrame, 1);
+    EXPECT_EQ(range.maxFrame, 30);
+}
+
+TEST(CacheFrameLookup, SharedFramesResolveThroughPatterns) {
+    // Frames of one sequence written three ways; the lookup is strict with the second pass for
+    // unpadded .vxg names, and every spelling of the pattern reaches the same shared entry.
+    TempDir dir;
+    const std::string fixture = test::testDataPath("gen4_writer.vxg");
+    ASSERT_TRUE(sys::copyFile(fixture, dir.file("f_0003.vxg"), false));
+    ASSERT_TRUE(sys::copyFile(fixture, dir.file("f_0007.vxg"), false));
+    ASSERT_TRUE(sys::copyFile(fixture, dir.file("g_12.vxg"), false));
+    FrameDataArray& list = frameDataArray();
+    const int before = list.count;
+    VaporixFrameData* a = nullptr;
+    VaporixFrameData* b = nullptr;
+    VaporixFrameData* c = nullptr;
+    ASSERT_EQ(acquireShared(a, 3, dir.file("f_####.vxg").c_str(), "", true, true, true), 0);
+    ASSERT_EQ(acquireShared(b, 3, dir.file("f_<frame04>.vxg").c_str(), "", true, true, true), 0);
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(a->sourcePath, dir.file("f_0003.vxg"));
+    EXPECT_EQ(list.count, before + 1);
+    // Nearest frame: 6 is nearer to 7 than to 3.
+    ASSERT_EQ(acquireShared(b, 6, dir.file("f_%04d.vxg").c_str(), "", false, true, true), 0);
+    EXPECT_EQ(b->sourcePath, dir.file("f_0007.vxg"));
+    // Found only by the second pass.
+    ASSERT_EQ(acquireShared(c, 12, dir.file("g_####.vxg").c_str(), "", true, true, true), 0);
+    EXPECT_EQ(c->sourcePath, dir.file("g_12.vxg"));
+    // No such frame: status 3, the slot emptied and its frame released.
+    EXPECT_EQ(acquireShared(c, 13, dir.file("g_####.vxg").c_str(), "", true, true, true), 3);
+    EXPECT_EQ(c, nullptr);
+    EXPECT_EQ(list.count, before + 2);
+    VaporixFrameData single;
+    EXPECT_EQ(single.loadByFrame(12, dir.file("g_%04d.vxg").c_str(), "", true, true, true), 0);
+    EXPECT_EQ(single.sourcePath, dir.file("g_12.vxg"));
+    EXPECT_EQ(single.loadByFrame(1, dir.file("nowhere/g_%04d.vxg").c_str(), "", false, true, true),
+              3);
+    releaseFrame(a);
+    releaseFrame(b);
+    EXPECT_EQ(list.count, before);
 }
 
 TEST(CachePaths, FindsTheShortestSequenceForAPrefix) {
@@ -301,4 +381,17 @@ TEST(PathMenu, ShowFileNameWindow) {
     EXPECT_EQ(cacheFileNameAt("/c/a_####.vxg", -160 - 80, 160), "/c/a_-001.vxg");  // truncates
     EXPECT_EQ(cacheFileNameAt("/c/a_####.vxg", FRAME_NOT_SET, 160), "/c/a_.vxg");
     EXPECT_EQ(cacheFileNameAt("/c/a_####.vxg", 100, 0), "/c/a_.vxg");
+
+    // The text follows the time only while the window is shown, and only when it changes.
+    ShowFileNameView view(CACHE_INPUT);
+    EXPECT_EQ(view.title, "Input cache file for this frame:");
+    EXPECT_FALSE(view.onTimeChange(false, "/c/a_####.vxg", 160, 160));
+    EXPECT_EQ(view.text, "");
+    EXPECT_TRUE(view.onTimeChange(true, "/c/a_####.vxg", 160, 160));
+    EXPECT_EQ(view.text, "/c/a_0001.vxg");
+    EXPECT_FALSE(view.onTimeChange(true, "/c/a_####.vxg", 200, 160));  // same frame
+    EXPECT_FALSE(view.onTimeChange(false, "/c/a_####.vxg", 480, 160));
+    EXPECT_EQ(view.text, "/c/a_0001.vxg");
+    EXPECT_TRUE(view.onTimeChange(true, "/c/a_####.vxg", 480, 160));
+    EXPECT_EQ(view.text, "/c/a_0003.vxg");
 }

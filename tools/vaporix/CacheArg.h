@@ -1,6 +1,7 @@
 // Resolution of a cache path argument that may be a frame pattern.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "Command.h"
@@ -10,10 +11,18 @@ namespace vaporix::cli {
 /// The `--frame N` option every subcommand that reads one cache frame takes.
 inline OptionSpec frameOption() { return {"--frame", 1}; }
 
-/// Resolves `path` to one file: a plain file as it is; a frame pattern (`smoke_####.vxg`,
-/// `%04d`, `<frame04>`) to the file of frame `--frame`, or to the sequence's first frame when no
-/// frame is given. @return EXIT_OK with `file` set, or the exit status after a message.
-int resolveCacheArg(const char* command, const std::string& path, const Args& args,
+/// Resolves `path` to one file to read: a frame pattern in the file name (`smoke_####.vxg`,
+/// `%04d`, `<frame04>`) to the file of frame `--frame` as frame loading finds it, or to the
+/// sequence's first frame when no frame is given; any other path as it is (a `#` in a folder
+/// name alone does not make a sequence here). @return EXIT_OK with `file` set, or the exit
+/// status after a message.
+int resolveCacheArg(const char* command,
+                    const std::string& path,
+                    const Args& args,
                     std::string& file);
+
+/// The file a frame is written to: `path` with its frame patterns replaced by `frame`, and
+/// `\` separators turned into `/` (a plain name stays as it is).
+std::string cacheOutputPath(const std::string& path, int32_t frame);
 
 }  // namespace vaporix::cli

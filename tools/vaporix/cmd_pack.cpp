@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "CacheArg.h"
 #include "Command.h"
 #include "FileOut.h"
 #include "cache/VaporixFrameData.h"
@@ -19,7 +20,8 @@ const char* USAGE =
     "Writes a version 4 cache frame. Each IN.f32 holds X*Y*Z little-endian float32 values, x\n"
     "running fastest. Channel 18 takes X*Y*Z*4 bytes of packed colour (byte 2 red, 1 green,\n"
     "0 blue). The transform maps world to grid coordinates: three matrix rows, then the offset\n"
-    "row (default: identity).\n"
+    "row (default: identity). OUT may be a frame pattern (smoke_####.vxg): it names the file\n"
+    "of the --frame number.\n"
     "\n"
     "Grid channels are stored as codec streams: --quant-bits B of 20 or more keeps the floats\n"
     "exactly, 1 to 19 spreads 2^B steps over each channel's range, 0 or below uses steps of\n"
@@ -252,7 +254,7 @@ int run(int argc, char** argv) {
     }
     if (const int rc = addParticles(frame, args); rc != EXIT_OK) return rc;
     frame.channelMask = mask;
-    const std::string out = args.value("-o");
+    const std::string out = cacheOutputPath(args.value("-o"), frame.frameNumber);
     if (frame.WriteVxg(out.c_str(), mask) != LOAD_OK) return failure("pack", "can't write " + out);
     return EXIT_OK;
 }

@@ -11,6 +11,7 @@
 
 #include "Command.h"
 #include "Json.h"
+#include "cache/VaporixFrameData.h"
 #include "foundation/EnumFiles.h"
 #include "foundation/FramePattern.h"
 #include "foundation/sys/Files.h"
@@ -25,7 +26,8 @@ const char* LS_USAGE =
     "cache_<frame04>.vxg, or one file): file count, frame range, missing frames, total size.\n"
     "Files are those frame loading would use: names the pattern gives for their own number,\n"
     "and for .vxg also unpadded numbers (a_12.vxg under a_####.vxg).\n"
-    "  --files   one line (or JSON item) per file: frame, bytes, path\n"
+    "  --files   one line (or JSON item) per file: frame, bytes, and what its header says\n"
+    "            (grid size, channels, particles, or why it can't be read)\n"
     "  --json    machine-readable output\n";
 
 const char* RM_USAGE =
@@ -42,9 +44,10 @@ const char* CP_USAGE =
     "Copies every file of the cache sequence PATTERN to the name DEST_PATTERN gives for its\n"
     "frame (cache_####.vxg -> backup/shot_%05d.vxg). A DEST ending in '/' or naming a folder\n"
     "keeps the file names. Folders are made as needed. Nothing is written when a target\n"
-    "exists (unless --force), two frames would land on one name, or a target is a source\n"
-    "file; a copy that fails half way removes the copies it made.\n"
-    "  --force   replace existing targets\n"
+    "exists (unless --force), is a folder, is a source file, or two frames would land on one\n"
+    "name. A copy that fails half way removes the copies it made and puts back the files it\n"
+    "was replacing.\n"
+    "  --force   replace existing target files\n"
     "  -q        print nothing on success\n";
 
 const char* MV_USAGE =
@@ -52,8 +55,8 @@ const char* MV_USAGE =
     "\n"
     "Moves (renames) every file of the cache sequence PATTERN to the name DEST_PATTERN gives\n"
     "for its frame, with the checks of 'vaporix cp'. A move that fails half way moves the\n"
-    "files back, so the source sequence stays whole.\n"
-    "  --force   replace existing targets\n"
+    "files back and puts back the files it was replacing, so the source sequence stays whole.\n"
+    "  --force   replace existing target files\n"
     "  -q        print nothing on success\n";
 
 struct Parsed {
@@ -107,6 +110,34 @@ std::string humanSize(int64_t bytes) {
     return text;
 }
 
+// What the header of one file says, for `ls --files`.
+struct FileHeader {
+    int status = LOAD_NO_FILE;
+    int32_t gridSize[3] = {0, 0, 0};
+    std::vector<int> channels;
+    int32_t frameNumber = 0;
+    int64_t particles = 0;
+};
+
+FileHeader readFileHeader(const std::string& path) {
+    FileHeader h;
+    VaporixFrameData frame;
+    h.status = frame.importHeader(path.c_str(), "");
+    if (h.status != LOAD_OK) return h;
+    for (int a = 0; a < 3; ++a) h.gridSize[a] = frame.gridSize[a];
+    for (int c = 0; c < CHANNEL_COUNT; ++c)
+        if (frame.HasChannel(c)) h.channels.push_back(c);
+    h.frameNumber = frame.frameNumber;
+    for (int g = 0; g < frame.groups.count; ++g) h.particles += frame.getGroupCount(g);
+    return h;
+}
+
+std::string channelsText(const std::vector<int>& channels) {
+    std::string text;
+    for (int c : channels) text += (text.empty() ? "" : ",") + std::to_string(c);
+    return text.empty() ? "-" : text;
+}
+
 // What `ls` reports about a sequence.
 struct Summary {
     std::vector<SequenceFile> files;
@@ -118,11 +149,14 @@ struct Summary {
     std::vector<std::pair<int32_t, int32_t>> missing;  // runs of absent frames
     int64_t missingCount = 0;
     std::vector<int32_t> duplicates;  // frames with more than one file
+    std::vector<FileHeader> headers;  // with --files only
 };
 
-Summary summarise(const std::string& pattern) {
+Summary summarise(const std::string& pattern, bool withHeaders) {
     Summary s;
     s.files = sortedSequence(pattern);
+    if (withHeaders)
+        for (const SequenceFile& f : s.files) s.headers.push_back(readFileHeader(f.path));
     int32_t previous = 0;
     bool seenFrame = false;
     for (const SequenceFile& f : s.files) {
@@ -192,6 +226,19 @@ void printJson(const std::string& pattern, const Summary& s, bool withFiles) {
             j.key("path").value(s.files[i].path);
             j.key("bytes");
             s.bytes[i] < 0 ? j.null() : j.value(s.bytes[i]);
+            const FileHeader& h = s.headers[i];
+            j.key("status").value(h.status);
+            j.key("message").value(loadStatusText(h.status));
+            if (h.status == LOAD_OK) {
+                j.key("gridSize").beginArray(true);
+                for (int a = 0; a < 3; ++a) j.value(h.gridSize[a]);
+                j.endArray();
+                j.key("channels").beginArray(true);
+                for (int c : h.channels) j.value(c);
+                j.endArray();
+                j.key("headerFrame").value(h.frameNumber);
+                j.key("particles").value(h.particles);
+            }
             j.endObject();
         }
         j.endArray();
@@ -223,12 +270,25 @@ void printText(const std::string& pattern, const Summary& s, bool withFiles) {
     if (s.totalBytes >= 1024) std::printf(" (%lld bytes)", static_cast<long long>(s.totalBytes));
     std::printf("\n");
     if (!withFiles) return;
-    std::printf("\n%11s %14s  %s\n", "frame", "bytes", "file");
+    std::printf("\n%11s %14s  %-16s %-20s %10s  %s\n", "frame", "bytes", "grid", "channels",
+                "particles", "file");
     for (size_t i = 0; i < s.files.size(); ++i) {
         const SequenceFile& f = s.files[i];
+        const FileHeader& h = s.headers[i];
         const std::string frame = f.frame == NO_FRAME_NUMBER ? "-" : std::to_string(f.frame);
         const std::string bytes = s.bytes[i] < 0 ? "?" : std::to_string(s.bytes[i]);
-        std::printf("%11s %14s  %s\n", frame.c_str(), bytes.c_str(), f.path.c_str());
+        if (h.status != LOAD_OK) {
+            const std::string why = std::string("(") + loadStatusText(h.status) + ")";
+            std::printf("%11s %14s  %-48s  %s\n", frame.c_str(), bytes.c_str(), why.c_str(),
+                        f.path.c_str());
+            continue;
+        }
+        const std::string grid = std::to_string(h.gridSize[0]) + "x" +
+                                 std::to_string(h.gridSize[1]) + "x" +
+                                 std::to_string(h.gridSize[2]);
+        std::printf("%11s %14s  %-16s %-20s %10lld  %s\n", frame.c_str(), bytes.c_str(),
+                    grid.c_str(), channelsText(h.channels).c_str(),
+                    static_cast<long long>(h.particles), f.path.c_str());
     }
 }
 
@@ -236,7 +296,7 @@ int runLs(int argc, char** argv) {
     Parsed p = parseArgs("ls", LS_USAGE, argc, argv, {{"--files"}, {"--json"}}, 1);
     if (p.status >= 0) return p.status;
     const std::string pattern = p.args.positional[0];
-    const Summary s = summarise(pattern);
+    const Summary s = summarise(pattern, p.args.has("--files"));
     if (p.args.has("--json")) {
         printJson(pattern, s, p.args.has("--files"));
         return s.files.empty() ? EXIT_FAILED : EXIT_OK;
@@ -259,7 +319,7 @@ int runRm(int argc, char** argv) {
     Parsed p = parseArgs("rm", RM_USAGE, argc, argv, {{"--yes"}, {"-q"}}, 1);
     if (p.status >= 0) return p.status;
     const std::string pattern = p.args.positional[0];
-    const Summary s = summarise(pattern);
+    const Summary s = summarise(pattern, false);
     if (s.files.empty()) return failure("rm", "no files match " + pattern);
 
     std::string what = std::to_string(s.files.size()) + " file(s) of " + pattern;

@@ -204,4 +204,8 @@ MakeFolderResult makeFolder(const std::string& path) {
     return MakeFolderResult::Failed;
 }
 
+bool removeEmptyFolder(const std::string& path) {
+    return isUsablePath(path) && ::rmdir(path.c_str()) == 0;
+}
+
 }  // namespace vaporix::sys

@@ -58,4 +58,7 @@ enum class MakeFolderResult { Created, Exists, InvalidName, Failed };
 /// Makes one folder (its parent must exist). `Exists` when something of that name is there.
 MakeFolderResult makeFolder(const std::string& path);
 
+/// Removes a folder only when it is empty.
+bool removeEmptyFolder(const std::string& path);
+
 }  // namespace vaporix::sys
