@@ -47,15 +47,13 @@ void traceCameraRay(const RenderContext& ctx,
     const double* from = ctx.camera.position;
 
     // The ground cuts the ray short and is what the volumes are seen against.
-    double tFar = ctx.farDistance;
+    double tGround = 0.0;
     bool hitsGround = false;
     if (s.ground.enabled && dir[2] != 0.0) {
-        const double t = (s.ground.height - from[2]) / dir[2];
-        if (t > 0.0 && std::isfinite(t)) {
-            hitsGround = true;
-            tFar = std::min(tFar, t);
-        }
+        tGround = (s.ground.height - from[2]) / dir[2];
+        hitsGround = tGround > 0.0 && std::isfinite(tGround);
     }
+    const double tFar = hitsGround ? std::min(ctx.farDistance, tGround) : ctx.farDistance;
     const double to[3] = {from[0] + dir[0] * tFar, from[1] + dir[1] * tFar,
                           from[2] + dir[2] * tFar};
 
@@ -75,9 +73,11 @@ void traceCameraRay(const RenderContext& ctx,
 
     if (hitsGround) {
         // Lambert: the side of the plane that faces the camera, lit and shadowed.
+        const double point[3] = {from[0] + dir[0] * tGround, from[1] + dir[1] * tGround,
+                                 s.ground.height};
         const double normal[3] = {0.0, 0.0, from[2] >= s.ground.height ? 1.0 : -1.0};
         float light[3];
-        illuminator.lightAt(to, normal, light);
+        illuminator.lightAt(point, normal, light);
         for (int c = 0; c < 3; ++c) out.behind[c] = s.ground.color[c] * light[c];
         out.opaqueBehind = true;
     } else {

@@ -93,13 +93,17 @@ struct InterruptGuard::Saved {
 
 InterruptGuard::InterruptGuard() : mSaved(new Saved) {
     gInterrupt.store(0);
+    sigaction(SIGINT, nullptr, &mSaved->previous);
+    // A process started with SIGINT ignored (a background job of a script) keeps ignoring it,
+    // as command-line programs do.
+    if (mSaved->previous.sa_handler == SIG_IGN && !(mSaved->previous.sa_flags & SA_SIGINFO)) return;
     struct sigaction action;
     std::memset(&action, 0, sizeof action);
     action.sa_handler = onInterrupt;
     sigemptyset(&action.sa_mask);
     // After the first Ctrl-C the default action is back: a second one ends the process.
     action.sa_flags = SA_RESETHAND;
-    sigaction(SIGINT, &action, &mSaved->previous);
+    sigaction(SIGINT, &action, nullptr);
 }
 
 InterruptGuard::~InterruptGuard() {

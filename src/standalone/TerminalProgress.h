@@ -43,7 +43,8 @@ private:
 
 /// While it lives, SIGINT (Ctrl-C) does not end the process but asks running work to stop:
 /// `interruptRequested` becomes true. A second Ctrl-C ends the process as usual. The previous
-/// handler comes back on destruction.
+/// handler comes back on destruction. A process that was started with SIGINT ignored keeps
+/// ignoring it.
 class InterruptGuard {
 public:
     InterruptGuard();

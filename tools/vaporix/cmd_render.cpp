@@ -60,6 +60,8 @@ bool parseNumbers(const std::vector<std::string>& values, double* out) {
 
 int run(int argc, char** argv) {
     const char* CMD = "render";
+    // From the start: a Ctrl-C while the frame loads stops the render before its first tile.
+    InterruptGuard interrupt;
     Args args;
     std::string error;
     if (!args.parse(argc, argv, 2,
@@ -179,7 +181,6 @@ int run(int argc, char** argv) {
     Image image;
     int result;
     {
-        InterruptGuard interrupt;
         TerminalProgress progress(static_cast<uint64_t>(settings.width) * settings.height,
                                   !quiet && TerminalProgress::isTerminal(stderr));
         result = renderImage(settings, objects, image, &progress, &error);
