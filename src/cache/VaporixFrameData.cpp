@@ -2,6 +2,7 @@
 #include "cache/VaporixFrameData.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 
@@ -9,6 +10,7 @@
 #include "cache/limits.h"
 #include "cache/zlibutil.h"
 #include "foundation/EnumFiles.h"
+#include "foundation/FramePattern.h"
 #include "foundation/log.h"
 
 namespace vaporix {
@@ -30,6 +32,9 @@ bool resolveFrameFile(const char* pattern, int frame, bool exact, std::string& o
     return pattern && *pattern && findFrameFile(pattern, frame, exact, out);
 }
 
+/// The extension of a file name, folded to lower case, that picks its reader.
+iString extensionOf(const char* path) { return iString(getExtension(path)).lower(); }
+
 std::string groupDigits(int64_t n) {
     std::string digits = std::to_string(n);
     std::string out;
@@ -46,8 +51,13 @@ std::string groupDigits(int64_t n) {
 // ---------------------------------------------------------------------------------------------
 // Sampling
 
-void SampleChannels(float* const* channels, const int size[3], const float pos[3], float* out,
-                    uint32_t linearMask, uint32_t weightedMask, int weightChannel) {
+void SampleChannels(float* const* channels,
+                    const int size[3],
+                    const float pos[3],
+                    float* out,
+                    uint32_t linearMask,
+                    uint32_t weightedMask,
+                    int weightChannel) {
     if (size[0] <= 0 || size[1] <= 0 || size[2] <= 0) return;
     int64_t cell[3], next[3];
     float frac[3];
@@ -201,8 +211,7 @@ bool VaporixFrameData::HasChannel(int channel) {
     if ((mask >> channel) & 1u) return true;
     if (channel >= CH_RED && channel <= CH_BLUE && ((mask >> CH_PACKED_RGB) & 1u)) return true;
     if (channel == CH_SPEED)
-        return HasChannel(CH_VELOCITY_X) && HasChannel(CH_VELOCITY_Y) &&
-               HasChannel(CH_VELOCITY_Z);
+        return HasChannel(CH_VELOCITY_X) && HasChannel(CH_VELOCITY_Y) && HasChannel(CH_VELOCITY_Z);
     return false;
 }
 
@@ -230,13 +239,20 @@ bool VaporixFrameData::findBlock(int channel, int64_t& start, int64_t& words) co
 
 float* VaporixFrameData::GetChannelData(int channel) {
     if (channel < 0 || channel >= CHANNEL_COUNT) return nullptr;
+    float* data;
     {
         std::lock_guard<std::mutex> lock(channelLocks[channel]);
         if (!channels[channel]) expandChannelLocked(channel);
+        data = channels[channel];
     }
-    if (!channels[channel] && channel >= CH_RED && channel <= CH_BLUE)
+    if (!data && channel >= CH_RED && channel <= CH_BLUE) {
+        // Red, green and blue may come packed in channel 18, which fills all three. That
+        // expansion takes the three locks itself, so the pointer is read under ours again.
         GetChannelData(CH_PACKED_RGB);
-    return channels[channel];
+        std::lock_guard<std::mutex> lock(channelLocks[channel]);
+        data = channels[channel];
+    }
+    return data;
 }
 
 void VaporixFrameData::expandChannelLocked(int channel) {
@@ -264,7 +280,8 @@ void VaporixFrameData::expandChannelLocked(int channel) {
         } else if (expansionJustified(static_cast<uint64_t>(cells) * 4, payloadBytes)) {
             channels[channel] = allocFloats(cells + 4);
             if (channels[channel]) {
-                if (!compressors[channel]) compressors[channel] = new (std::nothrow) SGCompressor<3>;
+                if (!compressors[channel])
+                    compressors[channel] = new (std::nothrow) SGCompressor<3>;
                 ok = compressors[channel] &&
                      compressors[channel]->decode(payload, payloadBytes, channels[channel],
                                                   static_cast<uint64_t>(cells));
@@ -295,12 +312,16 @@ void VaporixFrameData::expandPackedRgbLocked() {
     // Byte 2 of a cell is red, byte 1 green, byte 0 blue.
     static constexpr int BYTE_OF[3] = {2, 1, 0};
     for (int k = 0; k < 3; ++k) {
+        // The lock of 18 is held; 7, 8 and 9 never wait for 18 while holding their own (see
+        // GetChannelData), so this order can't deadlock. A channel stored on its own wins.
         const int c = CH_RED + k;
+        std::lock_guard<std::mutex> lock(channelLocks[c]);
         if (channels[c]) continue;
-        channels[c] = allocFloats(cells + 4);
-        if (!channels[c]) continue;
+        float* out = allocFloats(cells + 4);
+        if (!out) continue;
         for (int64_t i = 0; i < cells; ++i)
-            channels[c][i] = static_cast<float>(packed[i * 4 + BYTE_OF[k]] / 255.0);
+            out[i] = static_cast<float>(packed[i * 4 + BYTE_OF[k]] / 255.0);
+        channels[c] = out;
     }
     freeFloats(channels[CH_PACKED_RGB]);
 }
@@ -325,9 +346,15 @@ bool VaporixFrameData::appendStreamBlock(int channel, const void* payload, uint6
 
 bool VaporixFrameData::getChannelRange(int channel, float& min, float& max) {
     if (channel < 0 || channel >= CHANNEL_COUNT) return false;
-    if (rangeMax[channel] >= rangeMin[channel]) {
-        min = rangeMin[channel];
-        max = rangeMax[channel];
+    // The cache is shared by all threads without a lock: racing writers store equal values, and
+    // relaxed atomic accesses make that well defined. A reader that sees only one of the two
+    // stores finds max below the unknown min, and computes the range itself.
+    std::atomic_ref<float> cachedMin(rangeMin[channel]), cachedMax(rangeMax[channel]);
+    const float knownMin = cachedMin.load(std::memory_order_relaxed);
+    const float knownMax = cachedMax.load(std::memory_order_relaxed);
+    if (knownMax >= knownMin) {
+        min = knownMin;
+        max = knownMax;
         return true;
     }
     const float* data = GetChannelData(channel);
@@ -338,8 +365,8 @@ bool VaporixFrameData::getChannelRange(int channel, float& min, float& max) {
         if (data[i] < lo) lo = data[i];
         if (data[i] > hi) hi = data[i];
     }
-    rangeMin[channel] = lo;
-    rangeMax[channel] = hi;
+    cachedMin.store(lo, std::memory_order_relaxed);
+    cachedMax.store(hi, std::memory_order_relaxed);
     min = lo;
     max = hi;
     return true;
@@ -392,7 +419,8 @@ void VaporixFrameData::getWorldBox(float box[6], bool withParticles) const {
     }
 }
 
-void VaporixFrameData::getInfoText(std::string& out, const std::string& lineEnd,
+void VaporixFrameData::getInfoText(std::string& out,
+                                   const std::string& lineEnd,
                                    const std::string& lineStart) {
     out = iString::format("[GRID: %s cells, %dx%dx%d]", groupDigits(getCellCount()).c_str(),
                           gridSize[0], gridSize[1], gridSize[2]);
@@ -424,9 +452,15 @@ bool VaporixFrameData::initEmpty(const float size[3], float cellScale, bool unit
     clearContents();
     clearBlendScratch();
     resetHeader(false);
-    for (int a = 0; a < 3; ++a) gridSize[a] = static_cast<int32_t>(std::floor(size[a] + 0.5f));
+    for (int a = 0; a < 3; ++a) {
+        // Rounded to the nearest whole size; what no int can hold (and NaN) counts as 0.
+        const float rounded = std::floor(size[a] + 0.5f);
+        gridSize[a] =
+            (rounded >= 0.0f && rounded < 2147483648.0f) ? static_cast<int32_t>(rounded) : 0;
+    }
     bool ok = false;
-    if (getCellCount() > 0 && gridSize[0] > 0 && gridSize[1] > 0) {
+    // Beyond the largest grid a channel can hold the cell count would not even fit 64 bits.
+    if (gridSize[0] > 0 && gridSize[1] > 0 && gridSize[2] > 0 && gridSizeAcceptable(gridSize)) {
         gridTransform = GridTransform::identity();
         gridTransform.m[9] = float(gridSize[0]) * 0.5f;
         gridTransform.m[10] = float(gridSize[1]) * 0.5f;
@@ -512,7 +546,9 @@ bool VaporixFrameData::resolveParticle(int& group, int& index) {
     return false;
 }
 
-int VaporixFrameData::getParticlePosition(int group, int index, float out[3],
+int VaporixFrameData::getParticlePosition(int group,
+                                          int index,
+                                          float out[3],
                                           const GridTransform* tm) {
     float p[3] = {0, 0, 0};
     if (!resolveParticle(group, index) || !groups[group].GetValue(index, PRT_POSITION, p)) {
@@ -526,7 +562,9 @@ int VaporixFrameData::getParticlePosition(int group, int index, float out[3],
     return 1;
 }
 
-void* VaporixFrameData::getParticleVelocity(int group, int index, float out[3],
+void* VaporixFrameData::getParticleVelocity(int group,
+                                            int index,
+                                            float out[3],
                                             const GridTransform* tm) {
     float v[3] = {0, 0, 0};
     if (!resolveParticle(group, index) || !groups[group].GetValue(index, PRT_VELOCITY, v)) {
@@ -543,8 +581,7 @@ void* VaporixFrameData::getParticleVelocity(int group, int index, float out[3],
 
 float VaporixFrameData::getParticleSize(int group, int index, float multiplier) {
     float s;
-    if (!resolveParticle(group, index) || !groups[group].GetValue(index, PRT_SIZE, &s))
-        return 0.1f;
+    if (!resolveParticle(group, index) || !groups[group].GetValue(index, PRT_SIZE, &s)) return 0.1f;
     return s * multiplier;
 }
 
@@ -585,8 +622,12 @@ int VaporixFrameData::getGroupCount(int group) const {
 // ---------------------------------------------------------------------------------------------
 // Loading entries and the shared list
 
-int VaporixFrameData::importFile(const char* path, const char* channelMapArg, double frameTime,
-                                 bool noRetry, bool headerOnly, bool dropCompressed) {
+int VaporixFrameData::importFile(const char* path,
+                                 const char* channelMapArg,
+                                 double frameTime,
+                                 bool noRetry,
+                                 bool headerOnly,
+                                 bool dropCompressed) {
     clearChannels();
     clearContents();
     if (!path || !*path) {
@@ -597,12 +638,7 @@ int VaporixFrameData::importFile(const char* path, const char* channelMapArg, do
     if (headerOnly) {
         status = importHeader(path, channelMapArg);
     } else {
-        const iString name(path);
-        const size_t dot = name.find_last_of('.');
-        const size_t slash = name.find_last_of('/');
-        const iString ext = (dot == std::string::npos || (slash != std::string::npos && dot < slash))
-                                ? iString()
-                                : iString(name.substr(dot + 1)).lower();
+        const iString ext = extensionOf(path);
         if (ext == "vxg") {
             status = ImportVxg(path, noRetry, false, dropCompressed);
         } else if (ext == "f3d" || ext == "vdb") {
@@ -622,16 +658,18 @@ int VaporixFrameData::importFile(const char* path, const char* channelMapArg, do
 
 int VaporixFrameData::importHeader(const char* path, const char* /*channelMapArg*/) {
     if (!path || !*path) return LOAD_NO_FILE;
-    const iString name(path);
-    const size_t dot = name.find_last_of('.');
-    const iString ext = dot == std::string::npos ? iString() : iString(name.substr(dot + 1)).lower();
+    const iString ext = extensionOf(path);
     if (ext == "vxg") return ImportVxg(path, true, true, true);
     if (ext == "f3d" || ext == "vdb") return LOAD_NO_MODULE;
     return LOAD_NO_FILE;
 }
 
-int VaporixFrameData::loadByFrame(int frame, const char* pattern, const char* channelMapArg,
-                                  bool exact, bool noRetry, bool headerOnly) {
+int VaporixFrameData::loadByFrame(int frame,
+                                  const char* pattern,
+                                  const char* channelMapArg,
+                                  bool exact,
+                                  bool noRetry,
+                                  bool headerOnly) {
     clearChannels();
     clearContents();
     std::string file;
@@ -641,31 +679,51 @@ int VaporixFrameData::loadByFrame(int frame, const char* pattern, const char* ch
 
 const char* loadStatusText(int status) {
     switch (status) {
-        case LOAD_OK: return "ok";
-        case LOAD_NO_MODULE: return "no module for this cache format";
-        case LOAD_NO_FILE: return "file not found or not a cache file";
-        case LOAD_BROKEN: return "broken file or out of memory";
-        case LOAD_NO_CHANNEL_MAP: return "no channel map for a foreign cache";
-        case SAVE_FAILED: return "the frame can't be written";
-        default: return "read failure";
+        case LOAD_OK:
+            return "ok";
+        case LOAD_NO_MODULE:
+            return "no module for this cache format";
+        case LOAD_NO_FILE:
+            return "file not found or not a cache file";
+        case LOAD_BROKEN:
+            return "broken file or out of memory";
+        case LOAD_NO_CHANNEL_MAP:
+            return "no channel map for a foreign cache";
+        case SAVE_FAILED:
+            return "the frame can't be written";
+        default:
+            return "read failure";
     }
 }
 
 std::string channelName(int channel) {
     switch (channel) {
-        case CH_TEMPERATURE: return "Liquid/Temperature";
-        case CH_SMOKE: return "Smoke";
-        case CH_SPEED: return "Speed";
-        case CH_VELOCITY_X: return "Velocity X";
-        case CH_VELOCITY_Y: return "Velocity Y";
-        case CH_VELOCITY_Z: return "Velocity Z";
-        case CH_RED: return "Red";
-        case CH_GREEN: return "Green";
-        case CH_BLUE: return "Blue";
-        case CH_FUEL: return "Fuel";
-        case CH_WAVELET: return "Wavelet";
-        case CH_PACKED_RGB: return "Packed RGB";
-        default: return "Channel " + std::to_string(channel);
+        case CH_TEMPERATURE:
+            return "Liquid/Temperature";
+        case CH_SMOKE:
+            return "Smoke";
+        case CH_SPEED:
+            return "Speed";
+        case CH_VELOCITY_X:
+            return "Velocity X";
+        case CH_VELOCITY_Y:
+            return "Velocity Y";
+        case CH_VELOCITY_Z:
+            return "Velocity Z";
+        case CH_RED:
+            return "Red";
+        case CH_GREEN:
+            return "Green";
+        case CH_BLUE:
+            return "Blue";
+        case CH_FUEL:
+            return "Fuel";
+        case CH_WAVELET:
+            return "Wavelet";
+        case CH_PACKED_RGB:
+            return "Packed RGB";
+        default:
+            return "Channel " + std::to_string(channel);
     }
 }
 
@@ -683,8 +741,13 @@ FrameDataArray& frameDataArray() {
     return list;
 }
 
-int acquireShared(VaporixFrameData*& slot, int frame, const char* pattern,
-                  const char* channelMapArg, bool exact, bool noRetry, bool releaseOld) {
+int acquireShared(VaporixFrameData*& slot,
+                  int frame,
+                  const char* pattern,
+                  const char* channelMapArg,
+                  bool exact,
+                  bool noRetry,
+                  bool releaseOld) {
     FrameDataArray& list = frameDataArray();
     const std::string map = channelMapArg ? channelMapArg : "";
     std::string file;

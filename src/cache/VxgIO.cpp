@@ -116,15 +116,18 @@ public:
         return v;
     }
 
-    /// A length that must be non-negative and fit in what is left, `unit` bytes an element.
-    uint64_t length32(const char* trace, uint64_t unit = 1) {
+    /// A length of `unit`-byte elements, read under `trace`. A negative one fails there; one
+    /// that reaches beyond the file fails with `bodyTrace`, the place where reading its body
+    /// would have stopped, before anything is allocated for it.
+    uint64_t length32(const char* trace, const char* bodyTrace, uint64_t unit = 1) {
         const int32_t n = get<int32_t>(trace);
-        if (n < 0 || static_cast<uint64_t>(n) > remaining() / unit) fail(trace);
+        if (n < 0) fail(trace);
+        if (static_cast<uint64_t>(n) > remaining() / unit) fail(bodyTrace);
         return static_cast<uint64_t>(n);
     }
 
     iString string(const char* trace) {
-        const uint64_t n = length32(trace);
+        const uint64_t n = length32(trace, trace);
         iString s(n, '\0');
         read(s.data(), n, trace);
         return s;
@@ -158,12 +161,6 @@ FILE* openWithRetry(const char* path, bool noRetry) {
     return nullptr;
 }
 
-/// Minimum bytes one group takes in the summary and in the particle chunk: lets counts be
-/// checked against the file before anything is allocated for them.
-constexpr uint64_t SUMMARY_GROUP_MIN_BYTES = 16;
-constexpr uint64_t PARTICLE_GROUP_MIN_BYTES = 28;
-constexpr uint64_t OLD_GROUP_MIN_BYTES = 4 + 4 + 32 * 4 + 4;
-
 }  // namespace
 
 uint64_t lastImportBytesRead() { return tBytesRead; }
@@ -172,6 +169,11 @@ uint64_t lastImportBytesRead() { return tBytesRead; }
 // Reading
 
 namespace {
+
+/// Fewest bytes one group takes in the summary, in the particle chunk and in an old section.
+constexpr uint64_t SUMMARY_GROUP_MIN_BYTES = 4 + 4 + 4 + 4;
+constexpr uint64_t PARTICLE_GROUP_MIN_BYTES = 4 + 4 + 4 + 8 + 4;
+constexpr uint64_t OLD_GROUP_MIN_BYTES = 4 + 4 + 32 * 4 + 4;
 
 /// Reading state shared by the steps of one ImportVxg.
 struct ReadState {
@@ -183,20 +185,39 @@ struct ReadState {
     bool sectionRead = false;
 };
 
+/// Reads a group count and empties the group list for it. The count is not trusted: groups
+/// are added one at a time as their fields are read, so a count beyond the file fails at the
+/// field where the file ends. Room is made up front only for as many groups as the rest of the
+/// file can hold at `minBytes` each, so that a good file's groups are never moved.
+int32_t readGroupCount(VxgReader& in,
+                       VaporixFrameData& frame,
+                       const char* trace,
+                       uint64_t minBytes) {
+    const int32_t n = in.get<int32_t>(trace);
+    if (n < 0) in.fail(trace);
+    frame.groups.free();
+    const uint64_t room = std::min<uint64_t>(static_cast<uint64_t>(n), in.remaining() / minBytes);
+    if (room > 0 && !frame.groups.reserveExact(static_cast<int>(room))) in.fail(nullptr);
+    return n;
+}
+
+PGroup& nextGroup(VxgReader& in, VaporixFrameData& frame) {
+    if (!frame.groups.resize(frame.groups.count + 1)) in.fail(nullptr);
+    PGroup& grp = frame.groups.last();
+    grp.frame = &frame;
+    return grp;
+}
+
 void readSummaryChunk(ReadState& st) {
     VxgReader& in = st.in;
     const char* trace = "Failed reading chunk size!\n";
-    const uint64_t n = in.length32(trace, SUMMARY_GROUP_MIN_BYTES);
-    auto& groups = st.frame.groups;
-    groups.free();
-    if (!groups.resize(static_cast<int>(n), nullptr, true)) in.fail(nullptr);
-    for (uint64_t g = 0; g < n; ++g) {
-        PGroup& grp = groups[static_cast<int>(g)];
+    const int32_t n = readGroupCount(in, st.frame, trace, SUMMARY_GROUP_MIN_BYTES);
+    for (int32_t g = 0; g < n; ++g) {
+        PGroup& grp = nextGroup(in, st.frame);
         grp.name = in.string(trace);
         grp.count = in.get<int32_t>(trace);
         grp.channelBits = in.get<uint32_t>(trace);
         grp.flags = in.get<int32_t>(trace);
-        grp.frame = &st.frame;
         if (grp.count < 0) in.fail(trace);
     }
     in.read(st.frame.particleBox, sizeof st.frame.particleBox, trace);
@@ -208,23 +229,20 @@ void readParticleChunk(ReadState& st) {
     const char* trace = "Failed reading chunk size!\n";
     const char* dataTrace = "Failed to load compressed particle data!\n";
     VaporixFrameData& frame = st.frame;
-    const uint64_t n = in.length32(trace, PARTICLE_GROUP_MIN_BYTES);
-    frame.groups.free();
-    if (!frame.groups.resize(static_cast<int>(n), nullptr, true)) in.fail(nullptr);
-    for (uint64_t g = 0; g < n; ++g) {
-        PGroup& grp = frame.groups[static_cast<int>(g)];
-        grp.frame = &frame;
+    const int32_t n = readGroupCount(in, frame, trace, PARTICLE_GROUP_MIN_BYTES);
+    for (int32_t g = 0; g < n; ++g) {
+        PGroup& grp = nextGroup(in, frame);
         grp.channelBits = 0;
         grp.name = in.string(trace);
         grp.flags = in.get<int32_t>(trace);
         grp.count = in.get<int32_t>(trace);
         in.read(grp.reserved8, 8, trace);
         if (grp.count < 0) in.fail(trace);
-        const uint64_t m = in.length32(trace, 12);
-        for (uint64_t k = 0; k < m; ++k) {
+        const int32_t m = in.get<int32_t>(trace);
+        for (int32_t k = 0; k < m; ++k) {
             const int32_t ordinal = in.get<int32_t>(trace);
             const int32_t kind = in.get<int32_t>(trace);
-            const uint64_t bytes = in.length32(dataTrace);
+            const uint64_t bytes = in.length32(dataTrace, dataTrace);
             if (ordinal < 0 || ordinal >= PRT_CHANNELS) {
                 // An ordinal this reader can't hold: step over its bytes.
                 in.skip(bytes, dataTrace);
@@ -248,21 +266,19 @@ void readOldParticleSection(ReadState& st, bool coded) {
     VxgReader& in = st.in;
     VaporixFrameData& frame = st.frame;
     const bool load = !(st.headerOnly && (st.summaryRead || st.sectionRead));
-    const uint64_t poolWords = in.length32("9\n", 4);
+    const char* poolTrace = coded ? "13\n" : "x91\n";
+    const uint64_t poolWords = in.length32("9\n", poolTrace, 4);
     iArray<uint32_t, long long> pool;
     if (load) {
         if (!pool.resize(static_cast<long long>(poolWords), nullptr, true) && poolWords)
             in.fail(nullptr);
-        in.read(pool.data, poolWords * 4, coded ? "13\n" : "x91\n");
+        in.read(pool.data, poolWords * 4, poolTrace);
     } else {
-        in.skip(poolWords * 4, coded ? "13\n" : "x91\n");
+        in.skip(poolWords * 4, poolTrace);
     }
-    const uint64_t n = in.length32("11\n", OLD_GROUP_MIN_BYTES);
-    frame.groups.free();
-    if (!frame.groups.resize(static_cast<int>(n), nullptr, true)) in.fail(nullptr);
-    for (uint64_t g = 0; g < n; ++g) {
-        PGroup& grp = frame.groups[static_cast<int>(g)];
-        grp.frame = &frame;
+    const int32_t n = readGroupCount(in, frame, "11\n", OLD_GROUP_MIN_BYTES);
+    for (int32_t g = 0; g < n; ++g) {
+        PGroup& grp = nextGroup(in, frame);
         grp.name = in.string("11\n");
         grp.count = in.get<int32_t>("12\n");
         if (grp.count < 0) in.fail("12\n");
@@ -322,7 +338,7 @@ void readOldParticleSection(ReadState& st, bool coded) {
             if (sub == 1) {
                 grp.flags = in.get<int32_t>("15\n");
             } else if (sub == 2) {
-                const uint64_t bytes = in.length32("16\n");
+                const uint64_t bytes = in.length32("16\n", load ? "x161\n" : "x162\n");
                 if (load) {
                     iArray<uint8_t, long long> ids;
                     if (!ids.resize(static_cast<long long>(bytes), nullptr, true) && bytes)

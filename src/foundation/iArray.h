@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -72,12 +73,26 @@ public:
             return 1;
         }
         if (newCount > capacity) {
-            I extra = 0;
+            I newCapacity = newCount;
             if (!exact) {
-                extra = growth > 0 ? newCount / growth : 0;
+                I extra = growth > 0 ? newCount / growth : 0;
                 if (extra < 8) extra = 8;
+                // Near the top of the index type the extra room shrinks to what still fits.
+                const I room = std::numeric_limits<I>::max() - newCount;
+                newCapacity = newCount + (extra < room ? extra : room);
             }
-            if (!reallocate(newCount + extra)) return 0;
+            if (!reallocate(newCapacity)) return 0;
+        }
+        if constexpr (std::is_trivially_default_constructible_v<T> &&
+                      std::is_trivially_copyable_v<T>) {
+            // Plain elements: zero in one block write (what T() gives them), which is many times
+            // faster than an element loop on channel-sized arrays.
+            if (!fill) {
+                std::memset(static_cast<void*>(data + count), 0,
+                            static_cast<size_t>(newCount - count) * sizeof(T));
+                count = newCount;
+                return 1;
+            }
         }
         for (I i = count; i < newCount; ++i) {
             if (fill)

@@ -5,6 +5,8 @@
 
 #include <cmath>
 #include <cstring>
+#include <thread>
+#include <vector>
 
 #include "TestSupport.h"
 #include "VxgBuilder.h"
@@ -69,9 +71,9 @@ TEST(VaporixFrameData, PackedRgbExpandsIntoThreeChannels) {
     ASSERT_NE(green, nullptr);
     EXPECT_FLOAT_EQ(green[0], static_cast<float>(20 / 255.0));
     EXPECT_FLOAT_EQ(green[1], static_cast<float>(128 / 255.0));
-    EXPECT_FLOAT_EQ(f.channels[7][0], static_cast<float>(30 / 255.0));  // byte 2 is red
+    EXPECT_FLOAT_EQ(f.channels[7][0], static_cast<float>(30 / 255.0));   // byte 2 is red
     EXPECT_FLOAT_EQ(f.channels[9][1], static_cast<float>(255 / 255.0));  // byte 0 is blue
-    EXPECT_EQ(f.channels[18], nullptr);  // the packed array is gone
+    EXPECT_EQ(f.channels[18], nullptr);                                  // the packed array is gone
 }
 
 TEST(VaporixFrameData, SpeedIsDerivedFromVelocity) {
@@ -181,8 +183,8 @@ TEST(VaporixFrameData, AxisSwapTwiceIsTheIdentityAndInitEmpty) {
     f.gridTransform.m[7] = -3;
     const GridTransform before = f.gridTransform;
     f.toggleAxisSwap();
-    EXPECT_EQ(f.gridTransform.m[6], 7.0f);   // row 2 takes the old row 1
-    EXPECT_EQ(f.gridTransform.m[4], 3.0f);   // row 1 takes the negated old row 2
+    EXPECT_EQ(f.gridTransform.m[6], 7.0f);  // row 2 takes the old row 1
+    EXPECT_EQ(f.gridTransform.m[4], 3.0f);  // row 1 takes the negated old row 2
     f.toggleAxisSwap();
     EXPECT_TRUE(f.gridTransform == before);
     EXPECT_EQ(f.axesSwapped, 0);
@@ -252,10 +254,131 @@ TEST(FrameDataArray, SharesByNameAndChannelMap) {
     EXPECT_EQ(acquireShared(c, 1, dir.file("none.vxg").c_str(), "other", true, true, true), 3);
     EXPECT_EQ(c, nullptr);
     EXPECT_EQ(list.count, before + 1);
+    // A frame already in the list is handed out again without reading the file.
+    writeBytes(path, {'n', 'o', 'n', 'e'});
+    VaporixFrameData* d = nullptr;
+    ASSERT_EQ(acquireShared(d, 1, path.c_str(), "", true, true, true), 0);
+    EXPECT_EQ(d, a);
+    EXPECT_EQ(a->refCount, 3);
+    releaseFrame(d);
     VaporixFrameData byValue;
     releaseFrame(&byValue);  // not in the list: ignored
     releaseFrame(a);
     EXPECT_EQ(b->refCount, 1);
     releaseFrame(b);
     EXPECT_EQ(list.count, before);
+    // Now the file must be read, and it is broken: nothing is added.
+    EXPECT_EQ(acquireShared(d, 1, path.c_str(), "", true, true, true), 4);
+    EXPECT_EQ(d, nullptr);
+    EXPECT_EQ(list.count, before);
+}
+
+TEST(FrameDataArray, ReleaseMovesTheLastEntryAndExitReportsLeftovers) {
+    TempDir dir;
+    std::vector<std::string> paths;
+    for (int i = 0; i < 3; ++i) {
+        TestFrame f(1, 1, 1);
+        f.frameNumber = 20 + i;
+        f.addRaw(1, {float(i)});
+        paths.push_back(dir.file("f" + std::to_string(i) + ".vxg"));
+        ASSERT_EQ(f.WriteVxg(paths.back().c_str(), f.channelMask), 0);
+    }
+    FrameDataArray& list = frameDataArray();
+    const int before = list.count;
+    VaporixFrameData* slots[3] = {};
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(acquireShared(slots[i], 20 + i, paths[static_cast<size_t>(i)].c_str(), "", true,
+                                true, false),
+                  0);
+    releaseFrame(slots[0]);
+    ASSERT_EQ(list.count, before + 2);
+    EXPECT_EQ(list[before], slots[2]);  // the last entry took the freed place
+    EXPECT_EQ(list[before + 1], slots[1]);
+    // A slot that is refilled releases its old frame only after the new reference is taken.
+    VaporixFrameData* slot = slots[1];
+    ASSERT_EQ(acquireShared(slot, 21, paths[1].c_str(), "", true, true, true), 0);
+    EXPECT_EQ(slot, slots[1]);
+    EXPECT_EQ(slot->refCount, 1);
+    releaseFrame(slots[1]);
+    releaseFrame(slots[2]);
+    EXPECT_EQ(list.count, before);
+
+    // A list that ends with frames still in it reports each, last first.
+    LogRecorder log;
+    {
+        FrameDataArray leftovers;
+        for (int i = 0; i < 2; ++i) {
+            auto* frame = new VaporixFrameData;
+            frame->frameNumber = 5 + i;
+            frame->refCount = 2 - i;
+            ASSERT_TRUE(leftovers.append(frame));
+        }
+    }
+    EXPECT_EQ(log.text(),
+              "Vaporix cache file not released 6 ref:1\n"
+              "Vaporix cache file not released 5 ref:2\n");
+}
+
+TEST(VaporixFrameData, ConcurrentReadersShareOneExpansion) {
+    // Render threads ask for the same and for different channels at once: packed colour that
+    // fills three channels, speed derived from velocity, and the range cache. Each thread must
+    // see the one array of a channel, with its values (run under TSan to see the locking).
+    const int n = 4096;
+    TestFrame f(16, 16, 16);
+    std::vector<uint8_t> cells(static_cast<size_t>(n) * 4);
+    for (int i = 0; i < n * 4; ++i) cells[static_cast<size_t>(i)] = static_cast<uint8_t>(i * 7);
+    iArray<uint8_t, long long> z;
+    ASSERT_TRUE(deflateInto(cells.data(), cells.size(), z));
+    Bytes payload;
+    payload.u64(static_cast<uint64_t>(z.count)).raw(z.data, static_cast<size_t>(z.count));
+    ASSERT_TRUE(f.appendStreamBlock(18, payload.data.data(), payload.size()));
+    f.channelMask |= 1u << 18;
+    f.addRaw(4, iota(n));
+    f.addRaw(5, iota(n, 2.0f));
+    f.addRaw(6, iota(n, -2.0f));
+    const int threads = 8;
+    std::vector<const float*> seen(threads * 4);
+    std::vector<float> ranges(threads);
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t) {
+        pool.emplace_back([&, t] {
+            const int order[4] = {7 + t % 3, 3, 7 + (t + 1) % 3, 7 + (t + 2) % 3};
+            for (int k = 0; k < 4; ++k)
+                seen[static_cast<size_t>(t * 4 + k)] = f.GetChannelData(order[k]);
+            float lo, hi;
+            ranges[static_cast<size_t>(t)] = f.getChannelRange(3, lo, hi) ? hi : -1.0f;
+        });
+    }
+    for (auto& th : pool) th.join();
+    for (int t = 0; t < threads; ++t) {
+        EXPECT_EQ(seen[static_cast<size_t>(t * 4 + 1)], f.channels[3]);
+        for (int k : {0, 2, 3}) {
+            const float* got = seen[static_cast<size_t>(t * 4 + k)];
+            ASSERT_NE(got, nullptr);
+            EXPECT_TRUE(got == f.channels[7] || got == f.channels[8] || got == f.channels[9]);
+        }
+        EXPECT_EQ(ranges[static_cast<size_t>(t)], sqrtf(9.0f * 4095.0f * 4095.0f));
+    }
+    EXPECT_EQ(f.channels[18], nullptr);
+    EXPECT_FLOAT_EQ(f.channels[7][5], static_cast<float>(cells[5 * 4 + 2] / 255.0));
+    EXPECT_FLOAT_EQ(f.channels[9][n - 1], static_cast<float>(cells[(n - 1) * 4] / 255.0));
+}
+
+TEST(VaporixFrameData, InitEmptyRejectsSizesNoGridCanHold) {
+    VaporixFrameData f;
+    const float rounded[3] = {9.5f, 2.49f, 1.0f};
+    ASSERT_TRUE(f.initEmpty(rounded, 1.0f, false));
+    EXPECT_EQ(f.gridSize[0], 10);
+    EXPECT_EQ(f.gridSize[1], 2);
+    const float sizes[][3] = {
+        {1e10f, 1e10f, 1e10f},  // more than an int per axis
+        {NAN, 4, 4},
+        {-10, -10, 10},         // a positive product of negative sizes
+        {65536, 65536, 65536},  // each axis fits, the cell count does not
+    };
+    for (const auto& s : sizes) {
+        EXPECT_FALSE(f.initEmpty(s, 1.0f, true)) << s[0];
+        EXPECT_EQ(f.getCellCount(), 0);
+        EXPECT_EQ(f.comprData, nullptr);
+    }
 }

@@ -3,7 +3,9 @@
 
 #include <array>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <tuple>
 
 #include "Fixtures.h"
 #include "TestSupport.h"
@@ -243,96 +245,193 @@ TEST(VxgIO, TagAboveThirteenEndsTheSection) {
     EXPECT_EQ(f.frameNumber, 5);
 }
 
-TEST(VxgIO, BrokenFilesGiveStatusAndTheirLogLine) {
-    TempDir dir;
-    struct Case {
-        const char* what;
-        std::vector<uint8_t> bytes;
-        int status;
-        const char* log;
+namespace {
+
+/// A damaged file, the status its read gives and the exact log text before the broken-file line.
+struct BrokenCase {
+    std::string what;
+    std::vector<uint8_t> bytes;
+    const char* log;
+    bool headerOnly = false;
+    int status = 4;
+};
+
+/// An oldest-generation file whose tag section is `tags` and ends there.
+std::vector<uint8_t> oldTags(const std::function<void(Bytes&)>& tags) {
+    VxgBuilder b(0);
+    tags(b.tags());
+    return b.build();
+}
+
+std::vector<uint8_t> bytesOf(const Bytes& b) { return b.data; }
+
+/// A table of the 32-bit channel positions of an old particle section, all absent.
+Bytes noChannels() {
+    Bytes t;
+    for (int c = 0; c < 32; ++c) t.u32(0xFFFFFFFFu);
+    return t;
+}
+
+/// The start of an old particle section with an empty pool and one group "G" of 2 particles.
+void oneOldGroup(Bytes& t) { t.i32(7).i32(0).i32(1).str("G").i32(2).raw(noChannels()); }
+
+std::vector<BrokenCase> brokenCases() {
+    std::vector<BrokenCase> cases;
+    auto add = [&](std::string what, std::vector<uint8_t> bytes, const char* log) {
+        cases.push_back({std::move(what), std::move(bytes), log});
     };
-    std::vector<Case> cases;
-    cases.push_back(
-        {"shorter than 8 bytes", {'V', 'X', 'G'}, 4, "Failed while seeking to vxgr2 magic!\n"});
+    // The trailer, read from the end.
+    add("shorter than 8 bytes", {'V', 'X', 'G'}, "Failed while seeking to vxgr2 magic!\n");
+    add("end magic only", bytesOf(Bytes().raw("VXGR2VPX", 8)),
+        "Failed to seek to vxgr2 version!\n");
+    add("no room for the 64-bit offset", bytesOf(Bytes().i32(4).raw("VXGR2VPX", 8)),
+        "Failed seeking to marker chunk!\n");
+    add("no room for the 32-bit offset", bytesOf(Bytes().i32(3).raw("VXGR2VPX", 8)),
+        "Failed seeking to marker chunk!\n");
     {
-        VxgBuilder b(0);
-        b.tag(0);
-        auto bytes = b.build();
-        bytes[0] = 'X';
-        cases.push_back({"wrong magic", bytes, 4, "no hdr\n"});
-    }
-    {
-        VxgBuilder b(0);
-        b.tags().i32(3).i32(1).i32(1).i32(1).i32(-1);
-        b.tag(0);
-        cases.push_back({"negative stream length", b.build(), 4,
-                         "VaporixFrameData::ImportVxg bad comprDataSzInts!"});
-    }
-    {
-        VxgBuilder b(0);
-        b.tags().i32(3).i32(1).i32(1).i32(1).i32(1000);
-        cases.push_back({"stream longer than the file", b.build(), 4, "x41\n"});
-    }
-    {
-        VxgBuilder b(0);
-        b.tags().i32(7).i32(0).i32(1).str("G").i32(0).zeros(128).i32(9);
-        cases.push_back({"unknown sub-tag", b.build(), 4, "19\n"});
-    }
-    {
-        VxgBuilder b(0);
-        b.tags().i32(12).i32(-5);
-        cases.push_back({"negative record length", b.build(), 4, "12\n"});
-    }
-    {
-        VxgBuilder b(0);
-        b.tags().i32(4);
-        cases.push_back({"tag body cut off", b.build(), 4, "4\n"});
-    }
-    {
-        VxgBuilder b(4);
-        Bytes body;
-        body.i32(1 << 30);  // a group count far beyond the chunk
-        b.chunk(1000, body).tag(0);
-        cases.push_back(
-            {"group count beyond the file", b.build(), 4, "Failed reading chunk size!\n"});
-    }
-    {
-        VxgBuilder b(4);
-        b.tag(0);
-        auto bytes = b.build();
+        auto bytes = VxgBuilder(4).tag(0).build();
         const uint64_t wild = 1ull << 40;
         std::memcpy(bytes.data() + bytes.size() - 20, &wild, 8);
-        cases.push_back(
-            {"marker offset beyond the file", bytes, 4, "Failed seeking to marker chunk!\n"});
+        add("marker offset beyond the file", bytes, "Failed seeking to marker chunk!\n");
+    }
+    // The chunk loop runs into the trailer: the marker offset puts the id or the size across
+    // the file's end.
+    for (const auto& [what, back, log] :
+         {std::tuple{"chunk id cut short", 6, "Failed reading chunk id!\n"},
+          std::tuple{"chunk size cut short", 10, "Failed reading chunk size!\n"}}) {
+        auto bytes = VxgBuilder(4).tag(0).build();
+        const uint64_t marker = bytes.size() - static_cast<uint64_t>(back);
+        std::memcpy(bytes.data() + bytes.size() - 20, &marker, 8);
+        add(what, bytes, log);
+    }
+    {
+        VxgBuilder b(4);
+        b.tag(0);
+        Bytes body;
+        body.i32(1 << 30);  // a group count far beyond the chunk
+        b.chunk(1000, body);
+        add("group count beyond the file", b.build(), "Failed reading chunk size!\n");
     }
     {
         VxgBuilder b(4);
         b.tag(0);
         auto bytes = b.build();
-        // The chunk loop runs into the trailer: no end id before the file ends.
-        bytes.erase(bytes.end() - 24, bytes.end() - 20);
-        cases.push_back({"no end chunk", bytes, 4, "Failed reading chunk"});
+        // A chunk whose 64-bit size reaches beyond the file, in place of the end id.
+        Bytes chunk;
+        chunk.i32(5000).u64(1ull << 40);
+        bytes.insert(bytes.end() - 24, chunk.data.begin(), chunk.data.end());
+        const uint64_t marker = 4 + 4;
+        std::memcpy(bytes.data() + bytes.size() - 20, &marker, 8);
+        add("unknown chunk beyond the file", bytes, "Failed reading chunk size!\n");
     }
     {
-        VxgBuilder b(3);
+        VxgBuilder b(4);
         b.tag(0);
-        auto bytes = b.build();
+        Bytes body;
+        body.i32(1).str("P").i32(0).i32(3).zeros(8).i32(1).i32(0).i32(0).i32(1 << 20);
+        b.chunk(1002, body);
+        add("particle bytes beyond the file", b.build(),
+            "Failed to load compressed particle data!\n");
+    }
+    // The tag section: each body cut inside gives the word of its place.
+    add("wrong magic", bytesOf(Bytes().raw("XXGR", 4).i32(0)), "no hdr\n");
+    add("next tag missing", oldTags([](Bytes& t) { t.i32(4).i32(7); }), "0\n");
+    add("mask", oldTags([](Bytes& t) { t.i32(1); }), "1\n");
+    add("transform", oldTags([](Bytes& t) { t.i32(2).zeros(20); }), "2\n");
+    add("grid size", oldTags([](Bytes& t) { t.i32(3).i32(1); }), "3\n");
+    add("stream length", oldTags([](Bytes& t) { t.i32(3).i32(1).i32(1).i32(1); }), "4\n");
+    add("stream longer than the file",
+        oldTags([](Bytes& t) { t.i32(3).i32(1).i32(1).i32(1).i32(1000).zeros(8); }), "x41\n");
+    add("negative stream length",
+        oldTags([](Bytes& t) { t.i32(3).i32(1).i32(1).i32(1).i32(-1).i32(0); }),
+        "VaporixFrameData::ImportVxg bad comprDataSzInts!");
+    add("frame number", oldTags([](Bytes& t) { t.i32(4); }), "4\n");
+    add("time step", oldTags([](Bytes& t) { t.i32(5).zeros(2); }), "7\n");
+    add("first aux transform", oldTags([](Bytes& t) { t.i32(6).zeros(47); }), "6\n");
+    add("integer time", oldTags([](Bytes& t) { t.i32(8); }), "20\n");
+    add("record integer", oldTags([](Bytes& t) { t.i32(9); }), "21\n");
+    add("record float", oldTags([](Bytes& t) { t.i32(9).i32(1); }), "22\n");
+    add("times", oldTags([](Bytes& t) { t.i32(10).zeros(7); }), "24\n");
+    add("second time", oldTags([](Bytes& t) { t.i32(10).zeros(8); }), "25\n");
+    add("aux transforms", oldTags([](Bytes& t) { t.i32(11).zeros(100); }), "11\n");
+    add("aux block", oldTags([](Bytes& t) { t.i32(11).zeros(148); }), "x111\n");
+    add("record length", oldTags([](Bytes& t) { t.i32(12); }), "12\n");
+    add("negative record length", oldTags([](Bytes& t) { t.i32(12).i32(-5); }), "12\n");
+    add("record", oldTags([](Bytes& t) { t.i32(12).i32(392).zeros(100); }), "12\n");
+    add("record tail", oldTags([](Bytes& t) { t.i32(12).i32(500).zeros(400); }), "x121\n");
+    // Old particle sections.
+    add("pool length", oldTags([](Bytes& t) { t.i32(7); }), "9\n");
+    add("raw pool", oldTags([](Bytes& t) { t.i32(7).i32(10).zeros(4); }), "x91\n");
+    add("coded pool", oldTags([](Bytes& t) { t.i32(13).i32(10).zeros(4); }), "13\n");
+    add("group count", oldTags([](Bytes& t) { t.i32(7).i32(0); }), "11\n");
+    add("group name", oldTags([](Bytes& t) { t.i32(7).i32(0).i32(1).i32(5).raw("ab", 2); }),
+        "11\n");
+    add("particle count", oldTags([](Bytes& t) { t.i32(7).i32(0).i32(1).str("G"); }), "12\n");
+    add("channel table",
+        oldTags([](Bytes& t) { t.i32(7).i32(0).i32(1).str("G").i32(2).zeros(64); }), "13\n");
+    add("sub-tag", oldTags([](Bytes& t) { oneOldGroup(t); }), "14\n");
+    add("flags", oldTags([](Bytes& t) {
+            oneOldGroup(t);
+            t.i32(1);
+        }),
+        "15\n");
+    add("ID length", oldTags([](Bytes& t) {
+            oneOldGroup(t);
+            t.i32(2);
+        }),
+        "16\n");
+    add("IDs", oldTags([](Bytes& t) {
+            oneOldGroup(t);
+            t.i32(2).i32(100).zeros(10);
+        }),
+        "x161\n");
+    add("reserved bytes", oldTags([](Bytes& t) {
+            oneOldGroup(t);
+            t.i32(3).zeros(4);
+        }),
+        "18\n");
+    add("unknown sub-tag", oldTags([](Bytes& t) {
+            oneOldGroup(t);
+            t.i32(9).i32(0);
+        }),
+        "19\n");
+    {
+        // A header read after a summary skips the IDs by seeking, and stops at the file's end.
+        VxgBuilder b(2);
+        const float box[6] = {0, 0, 0, 1, 1, 1};
+        b.chunk(1000, summaryBody("G", 2, 1, 0, box));
+        oneOldGroup(b.tags());
+        b.tags().i32(2).i32(1 << 20);
+        cases.push_back({"skipped IDs", b.build(), "x162\n", true});
+    }
+    cases.push_back({"header read of a stream longer than the file",
+                     oldTags([](Bytes& t) { t.i32(3).i32(1).i32(1).i32(1).i32(1000).zeros(8); }),
+                     "x41\n", true});
+    {
+        auto bytes = VxgBuilder(3).tag(0).build();
         const int32_t negative = -8;
         std::memcpy(bytes.data() + bytes.size() - 16, &negative, 4);
-        cases.push_back({"negative 32-bit offset", bytes, 3, ""});
+        cases.push_back({"negative 32-bit offset", bytes, "", false, 3});
     }
-    for (const auto& c : cases) {
+    return cases;
+}
+
+}  // namespace
+
+TEST(VxgIO, BrokenFilesGiveStatusAndTheWordOfTheirPlace) {
+    TempDir dir;
+    const std::string path = dir.file("broken.vxg");
+    const std::string brokenLine =
+        "VaporixFrameData::ImportVxg broken or bad memory allocation. File is: " + path + "\n";
+    for (const auto& c : brokenCases()) {
+        writeBytes(path, c.bytes);
         LogRecorder log;
         VaporixFrameData f;
-        EXPECT_EQ(readFile(f, writeTemp(dir, "broken.vxg", c.bytes)), c.status) << c.what;
-        EXPECT_TRUE(log.contains(c.log)) << c.what << ": " << log.text();
-        if (c.status == 4) {
-            EXPECT_TRUE(log.contains(
-                "VaporixFrameData::ImportVxg broken or bad memory allocation. File is: "))
-                << c.what;
-            EXPECT_EQ(f.comprData, nullptr);
-            EXPECT_TRUE(f.sourcePath.empty());
-        }
+        EXPECT_EQ(readFile(f, path, c.headerOnly), c.status) << c.what;
+        EXPECT_EQ(log.text(), c.status == 4 ? c.log + brokenLine : std::string()) << c.what;
+        EXPECT_EQ(f.comprData, nullptr) << c.what;
+        EXPECT_EQ(f.comprDataSzInts, 0) << c.what;
+        EXPECT_TRUE(f.sourcePath.empty()) << c.what;
     }
 }
 

@@ -53,6 +53,32 @@ TEST(iArray, FailedAllocationLeavesTheArrayEmpty) {
     EXPECT_EQ(huge.count, 0u);
 }
 
+TEST(iArray, RegrownPlainElementsAreZeroAgain) {
+    // Growing within the old capacity reuses memory that held values: new elements are T().
+    iArray<float> a;
+    const float seven = 7;
+    a.resize(20, &seven);
+    a.resize(4);
+    ASSERT_EQ(a.resize(20), 1);
+    EXPECT_EQ(a[3], 7.0f);
+    for (int i = 4; i < 20; ++i) EXPECT_EQ(a[i], 0.0f) << i;
+    iArray<int*, long long> p;
+    p.resize(3);
+    EXPECT_EQ(p[2], nullptr);
+}
+
+TEST(iArray, GrowthNearTheTopOfTheIndexTypeStaysInRange) {
+    // The extra room of the growth rule would pass the largest int; the request fails cleanly
+    // (the limit stands in for a machine without two gigabytes to spare).
+    setArrayAllocationLimit(size_t(1) << 20);
+    iArray<uint8_t> a;
+    a.resize(5);
+    EXPECT_EQ(a.resize(2147483647 - 3), 0);
+    setArrayAllocationLimit(0);
+    EXPECT_EQ(a.count, 0);
+    EXPECT_EQ(a.capacity, 0);
+}
+
 TEST(iArray, ReserveExactAndFree) {
     iArray<int> a;
     a.resize(5);
