@@ -146,10 +146,11 @@ int ShadingTables::BuildEmissionTable(const VaporixParams& params,
         for (int k = 0; k < n; ++k) {
             float power = curveValues[k] * fire.at(xs[k]);
             if (!std::isfinite(power) || power < 0.0f) power = 0.0f;
-            const float m = power * emult;
+            // colour * power * emult, in that order: rows are reproducible to the bit.
             const float* c = rgb + 3 * k;
             emissionColorTable[base + k] =
-                TableColor{finiteOrZero(c[0] * m), finiteOrZero(c[1] * m), finiteOrZero(c[2] * m)};
+                TableColor{finiteOrZero(c[0] * power * emult), finiteOrZero(c[1] * power * emult),
+                           finiteOrZero(c[2] * power * emult)};
         }
     }
     return 1;
@@ -178,10 +179,13 @@ int ShadingTables::BuildEmissionOwnOpacityTable(const VaporixParams& params,
             // The curve is the fire's own opacity; the row its log transparency.
             const float o = finiteOrZero(curveValues[k] * etmult);
             emissionPowerTable[base + k] = logTransparency(1.0f - o, in.sceneScale);
-            const float m = finiteOrZero(fire.at(xs[k]) * emult * OWN_OPACITY_COLOR_FACTOR);
+            // gradient * fire * emult * 3.5, in that order.
+            const float f = fire.at(xs[k]);
             const float* c = rgb + 3 * k;
             emissionColorTable[base + k] =
-                TableColor{finiteOrZero(c[0] * m), finiteOrZero(c[1] * m), finiteOrZero(c[2] * m)};
+                TableColor{finiteOrZero(c[0] * f * emult * OWN_OPACITY_COLOR_FACTOR),
+                           finiteOrZero(c[1] * f * emult * OWN_OPACITY_COLOR_FACTOR),
+                           finiteOrZero(c[2] * f * emult * OWN_OPACITY_COLOR_FACTOR)};
         }
     }
     return 1;

@@ -376,3 +376,103 @@ TEST(ShadingTables, WhatAShaderGets) {
     EXPECT_FLOAT_EQ(s.surfaceRemapOffset, 0.5f);
     EXPECT_FLOAT_EQ(s.surfaceRemapScale, -1.0f);
 }
+
+TEST(ShadingTables, EveryRowOfEachFireOpacityModeFollowsItsFormula) {
+    // A curve of every key kind and an uneven gradient; every row is checked to the bit
+    // against the formula computed one row at a time.
+    Fixture f;
+    MultiCurve c;
+    c.insertPoint(0, MCP_LINEAR, 300.0f, 0.0f);
+    c.insertPoint(1, MCP_SPLINE, 900.0f, 0.3f);
+    c.insertPoint(2, MCP_SPLINE, 1600.0f, 0.9f);
+    c.insertPoint(3, MCP_SPLINE, 2400.0f, 0.7f);
+    c.insertPoint(4, MCP_LINEAR, 3200.0f, 1.2f);
+    c.rebuild();
+    ASSERT_EQ(c.setKind(3, MCP_SMOOTH_BEZIER, 3000.0f), 1);
+    ASSERT_TRUE(writeCurve(f.p, "epower", 1, 0.0, c));
+    f.gradient(
+        "ecolor", 1,
+        {{500.0f, 1.0f, 0.2f, 0.0f}, {1500.0f, 1.0f, 0.6f, 0.1f}, {3000.0f, 1.0f, 1.0f, 0.8f}});
+    f.p.setFloat("emult", 0, 1.7f);
+    f.p.setFloat("etmult", 0, 0.8f);
+    f.p.setFloat("blackbody", 0, 0.6f);
+    f.in.physicalScale = 1200.0f;
+    f.in.sceneScale = 0.75f;
+    f.tables.emissionRange = TableRange{100.0f, 3600.0f};
+
+    MultiCurve curve;
+    ColorGradient gradient;
+    ASSERT_TRUE(readCurve(f.p, "epower", 1, 0.0, curve));
+    ASSERT_TRUE(readGradient(f.p, "ecolor", 1, 0.0, gradient));
+    const float p = 1.0f / f.in.physicalScale;
+    const float bb = 0.6f;
+    const auto fireAt = [&](float v) {
+        return blackbodyLuminance(v) * 683.0f * p * bb + (1.0f - bb);
+    };
+
+    for (int mode : {0, 1, 2}) {
+        SCOPED_TRACE(mode);
+        f.p.setInt("fire_opacity_mode", 0, mode);
+        f.tables.buildFrameTables(f.p, 0.0, f.in);
+        ASSERT_EQ(f.tables.emissionColorTable.count, SHADING_TABLE_ROWS);
+        int wrong = 0;
+        int lit = 0;
+        for (int i = 0; i < SHADING_TABLE_ROWS; ++i) {
+            const float v = ShadingTables::rowValue(f.tables.emissionRange, i);
+            float rgb[3];
+            gradient.evaluate(v, rgb);
+            TableColor want;
+            if (mode != 2) {
+                float power = curve.evaluate(v, 1) * fireAt(v);
+                if (!std::isfinite(power) || power < 0.0f) power = 0.0f;
+                want =
+                    TableColor{rgb[0] * power * 1.7f, rgb[1] * power * 1.7f, rgb[2] * power * 1.7f};
+            } else {
+                float o = curve.evaluate(v, 1) * 0.8f;
+                if (!std::isfinite(o)) o = 0.0f;
+                o = std::fmin(std::fmax(1.0f - o, 1e-6f), 1.0f);
+                if (f.tables.emissionPowerTable[i] != std::log(o) * 0.75f) ++wrong;
+                const float k = fireAt(v);
+                want = TableColor{rgb[0] * k * 1.7f * 3.5f, rgb[1] * k * 1.7f * 3.5f,
+                                  rgb[2] * k * 1.7f * 3.5f};
+            }
+            const TableColor& got = f.tables.emissionColorTable[i];
+            if (got.r != want.r || got.g != want.g || got.b != want.b) ++wrong;
+            if (got.r > 0.0f) ++lit;
+        }
+        EXPECT_EQ(wrong, 0);
+        EXPECT_GT(lit, SHADING_TABLE_ROWS / 2);
+    }
+}
+
+TEST(ShadingTables, OpacityRowsFollowTheFormulaInBothTransparencyModes) {
+    Fixture f;
+    f.p.setInt("targ", 0, 3);
+    // Falls below 0 and rises past 1 between its keys: both clamps are reached.
+    f.curve("tpower", 3,
+            {{MCP_SPLINE, 10.0f, 0.2f},
+             {MCP_SPLINE, 40.0f, -0.3f},
+             {MCP_LINEAR, 80.0f, 1.4f},
+             {MCP_SPLINE, 120.0f, 0.5f}});
+    MultiCurve curve;
+    ASSERT_TRUE(readCurve(f.p, "tpower", 3, 0.0, curve));
+    f.in.sceneScale = 1.5f;
+    f.tables.opacityRange = TableRange{0.0f, 150.0f};
+    for (int transpmode : {0, 1}) {
+        SCOPED_TRACE(transpmode);
+        f.p.setInt("transpmode", 0, transpmode);
+        ASSERT_EQ(f.tables.BuildOpacityTable(f.p, 0.0, f.in), 1);
+        int wrong = 0;
+        for (int i = 0; i < SHADING_TABLE_ROWS; ++i) {
+            float o = curve.evaluate(ShadingTables::rowValue(f.tables.opacityRange, i), 2);
+            if (!std::isfinite(o)) o = 0.0f;
+            if (transpmode != 0) o = 1.0f - o;
+            o = std::fmin(std::fmax(o, 1e-6f), 1.0f);
+            if (f.tables.opacityTable[i] != std::log(o) * 1.5f) ++wrong;
+            if (!(f.tables.opacityTable[i] <= 0.0f)) ++wrong;
+        }
+        EXPECT_EQ(wrong, 0);
+        // Past the last key the value holds (end mode 2).
+        EXPECT_EQ(f.tables.opacityTable[7999], f.tables.opacityTable[6500]);
+    }
+}
