@@ -76,6 +76,18 @@ assert p["al_enable"] is False and p["rendMode"] == 1 and "version" not in p
 assert p["dontshow"] == [0]
 PY
 
+# An old set's cache prefix becomes the pattern of the sequence beside it.
+mkdir -p "$tmp/seq"
+: >"$tmp/seq/fire_0001.vxg"
+: >"$tmp/seq/fire_0002.vxg"
+echo "{\"params\": {\"version\": 7, \"rendinput\": \"$tmp/seq/fire_\"}}" >"$tmp/prefix.json"
+check "prefix upgrade" status_is 0 "$tool" params --load "$tmp/prefix.json" --save "$tmp/prefixed.json"
+check "prefix found" $py - "$tmp/prefixed.json" "$tmp/seq/fire_####.vxg" <<'PY'
+import json, sys
+p = json.load(open(sys.argv[1]))["params"]
+assert p["rendinput"] == sys.argv[2], p["rendinput"]
+PY
+
 # Refusals.
 check "unknown name" status_is 2 "$tool" params --set nope=1
 check "unknown name text" stderr_has "unknown parameter 'nope'"

@@ -6,6 +6,7 @@
 
 #include "Command.h"
 #include "FileOut.h"
+#include "playback/CachePaths.h"
 #include "playback/JsonValue.h"
 #include "playback/MemoryParamStorage.h"
 #include "playback/ParamJson.h"
@@ -367,6 +368,10 @@ int run(int argc, char** argv) {
         if (version < PARAMS_VERSION) {
             UpgradeContext context;
             context.blackbodyLuminance = [](float kelvin) { return blackbodyLuminance(kelvin); };
+            // An old cache prefix becomes the pattern of the sequence found beside it.
+            context.findSequenceByPrefix = [](const std::string& prefix) {
+                return findSequenceByPrefix(prefix);
+            };
             upgradeParams(params, version, context);
             std::fprintf(stderr, "vaporix params: upgraded a version %d set to %d\n", version,
                          PARAMS_VERSION);
