@@ -1,6 +1,8 @@
 // Benchmark of the per-frame shading tables: all of them are rebuilt for every frame rendered.
 #include <benchmark/benchmark.h>
 
+#include <cmath>
+
 #include "editors/MultiCurve.h"
 #include "playback/MemoryParamStorage.h"
 #include "playback/ParamCurves.h"
@@ -63,6 +65,43 @@ void BM_FrameTablesMixedCurves(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * 3 * SHADING_TABLE_ROWS);
 }
 BENCHMARK(BM_FrameTablesMixedCurves)->Unit(benchmark::kMillisecond);
+
+/// Baseline: the same four tables of 8000 rows from plain piecewise-linear ramps over five
+/// keys, with one logarithm per row of the two logarithmic tables. It is the least work a
+/// frame's tables can cost; the builds above are reported as ratios to it.
+void BM_BaselineLinearTables(benchmark::State& state) {
+    const float keyX[5] = {0.0f, 800.0f, 1500.0f, 2200.0f, 3500.0f};
+    const float keyY[5] = {0.0f, 0.1f, 0.6f, 0.8f, 1.0f};
+    const auto ramp = [&](float x) {
+        int j = 0;
+        while (j < 3 && keyX[j + 1] < x) ++j;
+        const float f = (x - keyX[j]) / (keyX[j + 1] - keyX[j]);
+        return (1.0f - f) * keyY[j] + f * keyY[j + 1];
+    };
+    iArray<TableColor> emission, diffuse;
+    iArray<float> power, opacity;
+    emission.resize(SHADING_TABLE_ROWS, true);
+    diffuse.resize(SHADING_TABLE_ROWS, true);
+    power.resize(SHADING_TABLE_ROWS, true);
+    opacity.resize(SHADING_TABLE_ROWS, true);
+    const TableRange range{0.0f, 3500.0f};
+    for (auto _ : state) {
+        for (int i = 0; i < SHADING_TABLE_ROWS; ++i) {
+            const float v = ShadingTables::rowValue(range, i);
+            const float y = ramp(v);
+            emission[i] = TableColor{y, 0.5f * y, 0.25f * y};
+            power[i] = std::log(std::fmax(1.0f - y, 1e-6f));
+            diffuse[i] = TableColor{y, 1.0f - y, 0.5f};
+            opacity[i] = std::log(std::fmax(1.0f - y, 1e-6f));
+        }
+        benchmark::DoNotOptimize(emission.data);
+        benchmark::DoNotOptimize(power.data);
+        benchmark::DoNotOptimize(diffuse.data);
+        benchmark::DoNotOptimize(opacity.data);
+    }
+    state.SetItemsProcessed(state.iterations() * 3 * SHADING_TABLE_ROWS);
+}
+BENCHMARK(BM_BaselineLinearTables)->Unit(benchmark::kMillisecond);
 
 /// The black-body rows, computed once per process.
 void BM_BlackbodyRow(benchmark::State& state) {

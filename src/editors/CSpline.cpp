@@ -2,6 +2,7 @@
 #include "editors/CSpline.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -196,6 +197,23 @@ float CSpline::inverse(float y) const {
     return mid;
 }
 
+namespace {
+
+/// The nodes of one bisection path of inverse(): for each round, the bounds it started from,
+/// its midpoint, the spline's value there and the way it went (0 down, 1 up, 2 exact hit).
+/// Neighbouring arguments of a table share the first rounds of their paths, so the next
+/// argument reads those rounds from here instead of evaluating the spline again; where it goes
+/// the other way, it continues from that node. The rounds and values are the very ones that
+/// inverse() computes, so the result is the same to the bit.
+struct BisectionPath {
+    static constexpr int ROUNDS = 24;
+    float lo[ROUNDS], hi[ROUNDS], mid[ROUNDS], value[ROUNDS];
+    uint8_t way[ROUNDS];
+    int length = 0;
+};
+
+}  // namespace
+
 void CSpline::inverseMany(const float* ys, float* us, int n) const {
     if (count < 2) {
         for (int k = 0; k < n; ++k) us[k] = inverse(ys[k]);
@@ -205,43 +223,115 @@ void CSpline::inverseMany(const float* ys, float* us, int n) const {
     const float last = segments[count - 1].d;
     const float lastU = static_cast<float>(count - 1);
     const bool ascending = last >= first;
+    constexpr int ROUNDS = BisectionPath::ROUNDS;
 
-    // Lanes of bisections in lock step; each lane does exactly what inverse() does.
+    // Lanes work through contiguous runs of the arguments side by side, each with the path of
+    // its previous argument, so that the rounds that need the spline keep the processor busy.
     constexpr int LANES = 8;
-    for (int base = 0; base < n; base += LANES) {
-        float lo[LANES], hi[LANES], mid[LANES], y[LANES];
-        bool active[LANES];
-        for (int k = 0; k < LANES; ++k) {
-            active[k] = false;
-            lo[k] = mid[k] = y[k] = 0.0f;
-            hi[k] = lastU;
-            if (base + k >= n) continue;
-            y[k] = ys[base + k];
-            const bool outside =
-                ascending ? (y[k] < first || y[k] > last) : (y[k] > first || y[k] < last);
-            if (outside)
-                us[base + k] = inverse(y[k]);
-            else
-                active[k] = true;
-        }
-        for (int round = 0; round < 24; ++round) {
-            for (int k = 0; k < LANES; ++k) {
-                if (!active[k]) continue;
-                mid[k] = (hi[k] - lo[k]) * 0.5f + lo[k];
-                const float v = evaluatePiece(mid[k]);
-                if (v == y[k]) {
-                    active[k] = false;
+    struct Lane {
+        int next = 0, end = 0;  // the run still to do
+        int index = -1;         // the argument being solved, -1 when the lane is idle
+        int round = 0;
+        float y = 0.0f;
+        float bound[2] = {0.0f, 0.0f};  // lo, hi
+        BisectionPath path;
+    };
+    Lane lanes[LANES];
+    const int run = (n + LANES - 1) / LANES;
+    for (int k = 0; k < LANES; ++k) {
+        lanes[k].next = k * run < n ? k * run : n;
+        lanes[k].end = (k + 1) * run < n ? (k + 1) * run : n;
+    }
+
+    // Takes the lane's next argument inside the range and walks the rounds it shares with the
+    // previous path; false when the run is done.
+    const auto startNext = [&](Lane& l) {
+        while (l.next < l.end) {
+            const int i = l.next++;
+            const float y = ys[i];
+            const bool outside = ascending ? (y < first || y > last) : (y > first || y < last);
+            if (outside) {
+                us[i] = inverse(y);
+                continue;
+            }
+            BisectionPath& p = l.path;
+            int r = 0;
+            bool solved = false;
+            for (; r < p.length; ++r) {
+                const float v = p.value[r];
+                if (v == y) {
+                    p.way[r] = 2;
+                    p.length = r + 1;
+                    us[i] = p.mid[r];
+                    solved = true;
+                    break;
+                }
+                const uint8_t way = (ascending ? v < y : v > y) ? 1 : 0;
+                if (way != p.way[r]) {
+                    p.way[r] = way;
+                    p.length = r + 1;
+                    break;
+                }
+            }
+            if (solved) continue;
+            if (r == ROUNDS) {  // the whole path is shared
+                us[i] = p.mid[ROUNDS - 1];
+                continue;
+            }
+            if (r < p.length || (r > 0 && r == p.length)) {
+                // Continue below the last shared node, the way this argument goes there.
+                const int at = r < p.length ? r : r - 1;
+                l.bound[0] = p.lo[at];
+                l.bound[1] = p.hi[at];
+                l.bound[1 - p.way[at]] = p.mid[at];
+                l.round = at + 1;
+                if (l.round == ROUNDS) {
+                    us[i] = p.mid[ROUNDS - 1];
                     continue;
                 }
-                const bool up = ascending ? v < y[k] : v > y[k];
-                lo[k] = up ? mid[k] : lo[k];
-                hi[k] = up ? hi[k] : mid[k];
+            } else {
+                l.bound[0] = 0.0f;
+                l.bound[1] = lastU;
+                l.round = 0;
             }
+            l.index = i;
+            l.y = y;
+            return true;
         }
-        for (int k = 0; k < LANES && base + k < n; ++k) {
-            const float yk = ys[base + k];
-            const bool outside = ascending ? (yk < first || yk > last) : (yk > first || yk < last);
-            if (!outside) us[base + k] = mid[k];
+        l.index = -1;
+        return false;
+    };
+
+    int busy = 0;
+    for (Lane& l : lanes)
+        if (startNext(l)) ++busy;
+    while (busy > 0) {
+        for (Lane& l : lanes) {
+            if (l.index < 0) continue;
+            // One round of inverse(), recorded in the path.
+            BisectionPath& p = l.path;
+            const int r = l.round;
+            const float mid = (l.bound[1] - l.bound[0]) * 0.5f + l.bound[0];
+            const float v = evaluatePiece(mid);
+            p.lo[r] = l.bound[0];
+            p.hi[r] = l.bound[1];
+            p.mid[r] = mid;
+            p.value[r] = v;
+            p.length = r + 1;
+            // The direction is a coin toss: the bound moves by an index, not a branch.
+            const int up = ascending ? static_cast<int>(v < l.y) : static_cast<int>(v > l.y);
+            p.way[r] = static_cast<uint8_t>(up);
+            l.bound[1 - up] = mid;
+            l.round = r + 1;
+            bool done = l.round == ROUNDS;
+            if (v == l.y) {
+                p.way[r] = 2;
+                done = true;
+            }
+            if (done) {
+                us[l.index] = mid;
+                if (!startNext(l)) --busy;
+            }
         }
     }
 }

@@ -184,6 +184,59 @@ float MultiCurve::evaluateQuadratic(const float p[6], float x) {
     return (p[1] * s + t * p[3]) * s + t * (p[5] * t + p[3] * s);
 }
 
+void MultiCurve::evaluateQuadraticMany(const float (*p)[6], const float* xs, float* out, int n) {
+    // Lanes of the bisection of evaluateQuadratic() in lock step; each lane stops where it would
+    // stop alone and keeps the t and s of its last round.
+    constexpr int LANES = 8;
+    for (int base = 0; base < n; base += LANES) {
+        const int m = n - base < LANES ? n - base : LANES;
+        float lo[LANES], hi[LANES], t[LANES], s[LANES];
+        bool active[LANES];
+        int running = 0;
+        for (int k = 0; k < LANES; ++k) {
+            lo[k] = 0.0f;
+            hi[k] = 1.0f;
+            t[k] = s[k] = 0.5f;
+            active[k] = false;
+            if (k >= m) continue;
+            const float* q = p[base + k];
+            const float x = xs[base + k];
+            if (x <= q[0]) {
+                out[base + k] = q[1];
+            } else if (x >= q[4]) {
+                out[base + k] = q[5];
+            } else {
+                active[k] = true;
+                ++running;
+            }
+        }
+        while (running > 0) {
+            for (int k = 0; k < m; ++k) {
+                if (!active[k]) continue;
+                const float* q = p[base + k];
+                t[k] = (hi[k] + lo[k]) * 0.5f;
+                s[k] = 1.0f - t[k];
+                const float e = xs[base + k] - (q[0] * s[k] + q[2] * t[k]) * s[k] -
+                                (q[2] * s[k] + q[4] * t[k]) * t[k];
+                bool done = std::fabs(e) < 1e-6f;
+                if (!done) {
+                    if (e > 0.0f)
+                        lo[k] = t[k];
+                    else
+                        hi[k] = t[k];
+                    done = hi[k] - lo[k] <= 1e-6f;
+                }
+                if (done) {
+                    active[k] = false;
+                    --running;
+                    out[base + k] =
+                        (q[1] * s[k] + t[k] * q[3]) * s[k] + t[k] * (q[5] * t[k] + q[3] * s[k]);
+                }
+            }
+        }
+    }
+}
+
 float MultiCurve::evaluateLinear(float x) const {
     const int n = keyPositions.count;
     if (n == 0) return 0.0f;
@@ -209,10 +262,10 @@ float MultiCurve::evaluateLinear(float x) const {
 }
 
 float MultiCurve::evaluateKey(
-    int key, int left, int right, float x, const float* splineU, bool& noHandle) const {
+    int key, int left, int right, float x, const Precomputed& pre, bool& noHandle) const {
     const int k = kinds[key];
     if (k == MCP_LINEAR) return evaluateLinear(x);
-    if (!isBezier(k)) return splineY.value(splineU ? *splineU : splineX.inverse(x));
+    if (!isBezier(k)) return splineY.value(pre.splineU ? *pre.splineU : splineX.inverse(x));
 
     const int n = count();
     if (key == left) {
@@ -228,6 +281,7 @@ float MultiCurve::evaluateKey(
             noHandle = true;
             return 0.0f;
         }
+        if (pre.quadratic) return *pre.quadratic;
         const float p[6] = {positions[key], values[key],      positions[h],
                             values[h],      positions[right], values[right]};
         return evaluateQuadratic(p, x);
@@ -245,18 +299,26 @@ float MultiCurve::evaluateKey(
         noHandle = true;
         return 0.0f;
     }
+    if (pre.quadratic) return *pre.quadratic;
     const float p[6] = {positions[left], values[left],   positions[h],
                         values[h],       positions[key], values[key]};
     return evaluateQuadratic(p, x);
 }
 
-float MultiCurve::evaluate(float x, int endMode) const { return evaluateAt(x, endMode, nullptr); }
+float MultiCurve::evaluate(float x, int endMode) const {
+    return evaluateAt(x, endMode, Precomputed{});
+}
 
 void MultiCurve::evaluateMany(const float* xs, float* out, int n, int endMode) const {
-    // The two bisections of the evaluation run in batches: the position spline's inverse for
-    // arguments under spline keys, the cubic piece for arguments between two Bezier keys.
+    // The bisections of the evaluation run in batches: the position spline's inverse for
+    // arguments under spline keys, the cubic piece for arguments between two Bezier keys, and
+    // the quadratic for arguments between a Bezier key and a key of another kind.
     bool anySpline = false;
-    for (int i = 0; i < count() && !anySpline; ++i) anySpline = kinds[i] == MCP_SPLINE;
+    bool anyBezier = false;
+    for (int i = 0; i < count(); ++i) {
+        anySpline = anySpline || kinds[i] == MCP_SPLINE;
+        anyBezier = anyBezier || isBezier(kinds[i]);
+    }
     constexpr int CHUNK = 256;
     float us[CHUNK];
     float splineArgs[CHUNK];
@@ -265,29 +327,44 @@ void MultiCurve::evaluateMany(const float* xs, float* out, int n, int endMode) c
     float bezierValues[CHUNK];
     Bezier::Point pieces[CHUNK][4];
     int bezierSlot[CHUNK];
+    float quadraticArgs[CHUNK];
+    float quadraticValues[CHUNK];
+    float quadratics[CHUNK][6];
+    int quadraticSlot[CHUNK];
     for (int base = 0; base < n; base += CHUNK) {
         const int m = n - base < CHUNK ? n - base : CHUNK;
         int splines = 0;
         int beziers = 0;
+        int quads = 0;
         for (int k = 0; k < m; ++k) {
             const float x = xs[base + k];
-            splineSlot[k] = bezierSlot[k] = -1;
-            if (bezierPiece(x, endMode, pieces[beziers])) {
+            splineSlot[k] = bezierSlot[k] = quadraticSlot[k] = -1;
+            if (anyBezier && bezierPiece(x, endMode, pieces[beziers])) {
                 bezierSlot[k] = beziers;
                 bezierArgs[beziers++] = x;
-            } else if (anySpline && needsSplineInverse(x, endMode)) {
+                continue;
+            }
+            if (anySpline && needsSplineInverse(x, endMode)) {
                 splineSlot[k] = splines;
                 splineArgs[splines++] = x;
+            }
+            if (anyBezier && quadraticPiece(x, endMode, quadratics[quads])) {
+                quadraticSlot[k] = quads;
+                quadraticArgs[quads++] = x;
             }
         }
         splineX.inverseMany(splineArgs, us, splines);
         Bezier::solvePieces(pieces, bezierArgs, bezierValues, beziers);
+        evaluateQuadraticMany(quadratics, quadraticArgs, quadraticValues, quads);
         for (int k = 0; k < m; ++k) {
-            if (bezierSlot[k] >= 0)
+            if (bezierSlot[k] >= 0) {
                 out[base + k] = bezierValues[bezierSlot[k]];
-            else
-                out[base + k] = evaluateAt(xs[base + k], endMode,
-                                           splineSlot[k] >= 0 ? &us[splineSlot[k]] : nullptr);
+                continue;
+            }
+            Precomputed pre;
+            if (splineSlot[k] >= 0) pre.splineU = &us[splineSlot[k]];
+            if (quadraticSlot[k] >= 0) pre.quadratic = &quadraticValues[quadraticSlot[k]];
+            out[base + k] = evaluateAt(xs[base + k], endMode, pre);
         }
     }
 }
@@ -322,6 +399,34 @@ bool MultiCurve::needsSplineInverse(float x, int endMode) const {
     return (left >= 0 && kinds[left] == MCP_SPLINE) || (right < n && kinds[right] == MCP_SPLINE);
 }
 
+bool MultiCurve::quadraticPiece(float x, int endMode, float p[6]) const {
+    const int n = count();
+    if (n == 0) return false;
+    if (endMode == 2 && (x <= positions[0] || x >= positions[n - 1])) return false;
+    const int i = lastBelow(x);
+    int left = i;
+    while (left >= 0 && isHandle(kinds[left])) --left;
+    int right = i + 1;
+    while (right < n && isHandle(kinds[right])) ++right;
+    if (left < 0 || right >= n) return false;
+    const bool bezierLeft = isBezier(kinds[left]);
+    const bool bezierRight = isBezier(kinds[right]);
+    if (bezierLeft == bezierRight) return false;
+    // The handle as evaluateKey() finds it: the out-handle of a left Bezier key, or the first
+    // in-handle after the left key for a right one.
+    const int handleKind = bezierLeft ? MCP_RIGHT_HANDLE : MCP_LEFT_HANDLE;
+    int h = left + 1;
+    while (h < n && kinds[h] != handleKind) ++h;
+    if (h >= n) return false;
+    p[0] = positions[left];
+    p[1] = values[left];
+    p[2] = positions[h];
+    p[3] = values[h];
+    p[4] = positions[right];
+    p[5] = values[right];
+    return true;
+}
+
 int MultiCurve::lastBelow(float x) const {
     int lo = 0;
     int hi = count();
@@ -335,7 +440,7 @@ int MultiCurve::lastBelow(float x) const {
     return lo - 1;
 }
 
-float MultiCurve::evaluateAt(float x, int endMode, const float* splineU) const {
+float MultiCurve::evaluateAt(float x, int endMode, const Precomputed& pre) const {
     const int n = count();
     if (n == 0) return 0.0f;
 
@@ -369,13 +474,13 @@ float MultiCurve::evaluateAt(float x, int endMode, const float* splineU) const {
     // Otherwise each key's own rule, cross-faded over the segment.
     // A Bezier key without the handle its rule needs makes the whole value 0.
     bool noHandle = false;
-    const float vL = left >= 0 ? evaluateKey(left, left, right, x, splineU, noHandle) : 0.0f;
+    const float vL = left >= 0 ? evaluateKey(left, left, right, x, pre, noHandle) : 0.0f;
     // Two linear or two spline keys share one rule over the whole curve: its value is computed
     // once (the fade below still runs, so the result is the same to the bit).
     const bool sameRule = left >= 0 && right >= 0 && kinds[left] == kinds[right] &&
                           (kinds[left] == MCP_LINEAR || kinds[left] == MCP_SPLINE);
     const float vR = sameRule     ? vL
-                     : right >= 0 ? evaluateKey(right, left, right, x, splineU, noHandle)
+                     : right >= 0 ? evaluateKey(right, left, right, x, pre, noHandle)
                                   : 0.0f;
     if (noHandle) return 0.0f;
     if (left >= 0 && right >= 0) {

@@ -88,6 +88,9 @@ public:
     /// Value of the quadratic Bezier through three (x, y) points p[0..5] at x, with the
     /// parameter found by bisection on x.
     static float evaluateQuadratic(const float p[6], float x);
+    /// evaluateQuadratic() of n arguments, each with its own three points, with the same
+    /// results: the bisections run side by side.
+    static void evaluateQuadraticMany(const float (*p)[6], const float* x, float* out, int n);
 
 private:
     struct Snapshot;
@@ -100,10 +103,18 @@ private:
     bool bezierPiece(float x, int endMode, Bezier::Point piece[4]) const;
     /// Whether evaluate(x, endMode) reads the spline rule.
     bool needsSplineInverse(float x, int endMode) const;
-    /// `splineU`, when given, is splineX.inverse(x) found beforehand.
-    float evaluateAt(float x, int endMode, const float* splineU) const;
+    /// The three points of the quadratic that evaluate(x, endMode) reads next to a Bezier key,
+    /// when it does.
+    bool quadraticPiece(float x, int endMode, float p[6]) const;
+    /// Values found beforehand for one argument: `splineU` splineX.inverse(x), `quadratic` the
+    /// quadratic rule's value; null when not.
+    struct Precomputed {
+        const float* splineU = nullptr;
+        const float* quadratic = nullptr;
+    };
+    float evaluateAt(float x, int endMode, const Precomputed& pre) const;
     float evaluateKey(
-        int key, int left, int right, float x, const float* splineU, bool& noHandle) const;
+        int key, int left, int right, float x, const Precomputed& pre, bool& noHandle) const;
     float evaluateLinear(float x) const;
 };
 

@@ -125,6 +125,24 @@ TEST(MultiCurve, BezierNextToOtherKindsUsesTheQuadratic) {
     EXPECT_GT(vL, 0.0f);
 }
 
+TEST(MultiCurve, SplineKeyBeforeABezierKeyFadesIntoItsQuadratic) {
+    // The right key's rule takes its in-handle, found by walking up from the left key.
+    const MultiCurve c = make({{MCP_SPLINE, 0.0f, 0.0f},
+                               {MCP_LEFT_HANDLE, 1.5f, 1.0f},
+                               {MCP_SMOOTH_BEZIER, 2.0f, 1.0f},
+                               {MCP_RIGHT_HANDLE, 2.5f, 1.0f}});
+    ASSERT_TRUE(c.isValid());
+    const float x = 1.0f;
+    // Two keys: the position and value splines are straight, so the spline rule gives 0.5.
+    const float vL = 0.5f;
+    const float p[6] = {0.0f, 0.0f, 1.5f, 1.0f, 2.0f, 1.0f};
+    const float vR = MultiCurve::evaluateQuadratic(p, x);
+    EXPECT_GT(vR, vL);
+    EXPECT_NEAR(c.evaluate(x, 1), 0.5f * vL + 0.5f * vR, 1e-5f);
+    // At the Bezier key its own rule decides: the quadratic ends on the key.
+    EXPECT_FLOAT_EQ(c.evaluate(2.0f, 1), 1.0f);
+}
+
 TEST(MultiCurve, BezierEndKeyExtendsThroughItsHandle) {
     const MultiCurve c = make({{MCP_LINEAR, -1.0f, 0.0f},
                                {MCP_LEFT_HANDLE, -0.5f, 0.0f},
