@@ -10,10 +10,12 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "SGReference.h"
 #include "TestSupport.h"
+#include "cache/VaporixFrameData.h"
 
 using namespace vaporix;
 
@@ -576,4 +578,85 @@ TEST(SGCompressor, ResultsDoNotDependOnTheThreadCount) {
             EXPECT_TRUE(sameBits(out, firstDecoded)) << threads;
         }
     }
+}
+
+TEST(SGCompressor, FrameChannelsExpandCodedAndZonedStreams) {
+    // A frame with a coded channel, a zoned one, and two whose streams do not fit the grid.
+    const int nx = 24, ny = 20, nz = 16;
+    const uint64_t cells = uint64_t(nx) * ny * nz;
+    const auto smoke = smokeLike(nx, ny, nz, 31), heat = smokeLike(nx, ny, nz, 32);
+    const int dims[3] = {nx, ny, nz};
+    VaporixFrameData frame;
+    frame.gridSize[0] = nx;
+    frame.gridSize[1] = ny;
+    frame.gridSize[2] = nz;
+    SGCompressor<3> writer;
+    auto add = [&](int channel) {
+        ASSERT_TRUE(frame.appendStreamBlock(channel, writer.output.data,
+                                            static_cast<uint64_t>(writer.output.count)));
+        frame.channelMask |= 1u << channel;
+    };
+    ASSERT_GT(writer.Compress(smoke.data(), dims, 12, 0, 2), 0);
+    const auto coded = bytesOf(writer.output);
+    add(CH_SMOKE);
+    ASSERT_GT(writer.encodeZoned(heat.data(), dims, 16, 0, 1, 4), 0);
+    const auto zoned = bytesOf(writer.output);
+    add(CH_TEMPERATURE);
+    const int shorter[3] = {nx, ny, nz - 1};
+    ASSERT_GT(writer.Compress(heat.data(), shorter, 16, 0, 1), 0);
+    add(CH_FUEL);
+    const int longer[3] = {nx, ny, nz + 1};
+    std::vector<float> more(heat);
+    more.resize(cells + uint64_t(nx) * ny, 0.5f);
+    ASSERT_GT(writer.encodeZoned(more.data(), longer, 16, 0, 1, 3), 0);
+    add(CH_WAVELET);
+
+    const auto wantSmoke = decodeAll(writer, coded, cells);
+    const auto wantHeat = decodeAll(writer, zoned, cells);
+
+    // Render threads ask for the channels at once; each sees the one array of a channel.
+    std::vector<const float*> seenSmoke(4), seenHeat(4);
+    std::vector<float> heatMax(4);
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 4; ++t)
+        readers.emplace_back([&, t] {
+            seenHeat[static_cast<size_t>(t)] = frame.GetChannelData(CH_TEMPERATURE);
+            seenSmoke[static_cast<size_t>(t)] = frame.GetChannelData(CH_SMOKE);
+            float lo, hi;
+            heatMax[static_cast<size_t>(t)] =
+                frame.getChannelRange(CH_TEMPERATURE, lo, hi) ? hi : -1.0f;
+        });
+    for (auto& r : readers) r.join();
+    const float* smokeData = frame.channels[CH_SMOKE];
+    const float* heatData = frame.channels[CH_TEMPERATURE];
+    ASSERT_NE(smokeData, nullptr);
+    ASSERT_NE(heatData, nullptr);
+    for (int t = 0; t < 4; ++t) {
+        EXPECT_EQ(seenSmoke[static_cast<size_t>(t)], smokeData);
+        EXPECT_EQ(seenHeat[static_cast<size_t>(t)], heatData);
+        EXPECT_EQ(heatMax[static_cast<size_t>(t)],
+                  *std::max_element(wantHeat.begin(), wantHeat.end()));
+    }
+    EXPECT_TRUE(sameBits(std::vector<float>(smokeData, smokeData + cells), wantSmoke));
+    EXPECT_TRUE(sameBits(std::vector<float>(heatData, heatData + cells), wantHeat));
+
+    // Streams of another cell count fail to expand, each time, and leave the frame usable.
+    test::LogRecorder log;
+    EXPECT_EQ(frame.GetChannelData(CH_FUEL), nullptr);
+    EXPECT_EQ(frame.GetChannelData(CH_WAVELET), nullptr);
+    EXPECT_EQ(frame.GetChannelData(CH_FUEL), nullptr);
+    EXPECT_EQ(log.text(), "Invalid cache file!!!\nInvalid cache file!!!\nInvalid cache file!!!\n");
+    EXPECT_TRUE(frame.HasChannel(CH_FUEL));
+
+    // A channel expanded again after a clear reuses the compressor (and the zone jobs) it had.
+    SGCompressor<3>* kept = frame.compressors[CH_TEMPERATURE];
+    ASSERT_NE(kept, nullptr);
+    const int32_t jobs = kept->numJobs;
+    frame.clearChannels();
+    ASSERT_NE(frame.GetChannelData(CH_TEMPERATURE), nullptr);
+    EXPECT_EQ(frame.compressors[CH_TEMPERATURE], kept);
+    EXPECT_EQ(kept->numJobs, jobs);
+    EXPECT_TRUE(sameBits(
+        std::vector<float>(frame.channels[CH_TEMPERATURE], frame.channels[CH_TEMPERATURE] + cells),
+        wantHeat));
 }
