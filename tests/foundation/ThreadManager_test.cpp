@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "foundation/MTJobs.h"
 #include "foundation/sys/Event.h"
 #include "foundation/sys/threads.h"
 
@@ -345,4 +346,24 @@ TEST(ThreadManager, BulkThreadsFillOneNodeAfterTheOther) {
         ASSERT_EQ(manager.run(3, &shared, nullptr, false), 0);
         for (int k = 0; k < 3; ++k) EXPECT_EQ(shared.masks[static_cast<size_t>(k)], process) << k;
     }
+}
+
+TEST(ThreadManager, ProcessManagerIsReleasedAtExit) {
+    // Each case runs in a fresh process of its own.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto useAndExit = [](bool keepEngine) {
+        setenv("LUMO_DEBUG_OUTPUT", "1", 1);
+        ThreadManager* manager = getGlobalThreadManager();
+        if (manager != processThreadManager()) std::exit(3);
+        MTJobs* engine = new MTJobs;
+        engine->init(2);
+        engine->runJobs(0);
+        if (!keepEngine) delete engine;
+        std::exit(0);
+    };
+    // The manager made on first use goes at exit, and its pool threads with it.
+    EXPECT_EXIT(useAndExit(false), testing::ExitedWithCode(0),
+                "Destructor.*Terminating 2 threads.*All threads terminated");
+    // An engine still alive at exit keeps its threads; the process ends all the same.
+    EXPECT_EXIT(useAndExit(true), testing::ExitedWithCode(0), "");
 }
