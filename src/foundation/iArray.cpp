@@ -10,6 +10,19 @@ namespace vaporix {
 
 namespace {
 std::atomic<size_t> gAllocationLimit{0};
+std::atomic<int64_t> gAllocationBudget{-1};
+
+/// Takes `bytes` from the budget, if one is set. @return false when it is spent.
+bool takeFromBudget(size_t bytes) {
+    int64_t left = gAllocationBudget.load(std::memory_order_relaxed);
+    while (left >= 0) {
+        if (bytes > static_cast<uint64_t>(left)) return false;
+        if (gAllocationBudget.compare_exchange_weak(left, left - static_cast<int64_t>(bytes),
+                                                    std::memory_order_relaxed))
+            return true;
+    }
+    return true;
+}
 // Blocks from this size on are aligned to 2 MiB and advised as huge pages: first touch of fresh
 // pages is about 40 times slower than reuse on these machines, and huge pages cut most of that.
 constexpr size_t HUGE_BLOCK = size_t(4) << 20;
@@ -18,11 +31,14 @@ constexpr size_t HUGE_ALIGN = size_t(2) << 20;
 
 void setArrayAllocationLimit(size_t bytes) noexcept { gAllocationLimit.store(bytes); }
 
+void setArrayAllocationBudget(int64_t bytes) noexcept { gAllocationBudget.store(bytes); }
+
 namespace internal {
 
 void* arrayAllocate(size_t bytes) noexcept {
     const size_t limit = gAllocationLimit.load(std::memory_order_relaxed);
     if (limit != 0 && bytes > limit) return nullptr;
+    if (!takeFromBudget(bytes)) return nullptr;
     if (bytes == 0) bytes = 1;
     void* block = nullptr;
     if (bytes >= HUGE_BLOCK) {

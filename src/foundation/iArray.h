@@ -20,6 +20,9 @@ void arrayRelease(void* block) noexcept;
 
 /// Test hook: allocations of more than `bytes` bytes through iArray fail (0 turns the limit off).
 void setArrayAllocationLimit(size_t bytes) noexcept;
+/// Test hook: allocations through iArray fail once they add up to more than `bytes` from now on,
+/// freed blocks not counting back (a negative value turns the budget off).
+void setArrayAllocationBudget(int64_t bytes) noexcept;
 
 /// A growable array for large numeric data. `I` is the index type (int, or a 64-bit type for
 /// arrays that may pass two thousand million elements). Growth adds `count / growth` elements
@@ -72,17 +75,7 @@ public:
             count = newCount;
             return 1;
         }
-        if (newCount > capacity) {
-            I newCapacity = newCount;
-            if (!exact) {
-                I extra = growth > 0 ? newCount / growth : 0;
-                if (extra < 8) extra = 8;
-                // Near the top of the index type the extra room shrinks to what still fits.
-                const I room = std::numeric_limits<I>::max() - newCount;
-                newCapacity = newCount + (extra < room ? extra : room);
-            }
-            if (!reallocate(newCapacity)) return 0;
-        }
+        if (newCount > capacity && !grow(newCount, exact)) return 0;
         if constexpr (std::is_trivially_default_constructible_v<T> &&
                       std::is_trivially_copyable_v<T>) {
             // Plain elements: zero in one block write (what T() gives them), which is many times
@@ -169,6 +162,19 @@ public:
     T& last() { return data[count - 1]; }
 
 private:
+    /// Makes room for `newCount` elements by the growth rule.
+    bool grow(I newCount, bool exact) {
+        I newCapacity = newCount;
+        if (!exact) {
+            I extra = growth > 0 ? newCount / growth : 0;
+            if (extra < 8) extra = 8;
+            // Near the top of the index type the extra room shrinks to what still fits.
+            const I room = std::numeric_limits<I>::max() - newCount;
+            newCapacity = newCount + (extra < room ? extra : room);
+        }
+        return reallocate(newCapacity);
+    }
+
     void destroyRange(I from, I to) {
         if constexpr (!std::is_trivially_destructible_v<T>) {
             for (I i = from; i < to; ++i) data[i].~T();

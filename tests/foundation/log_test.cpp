@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <string>
 
 #include "TestSupport.h"
 
@@ -12,9 +13,35 @@ using namespace vaporix;
 using vaporix::test::LogRecorder;
 using vaporix::test::TempDir;
 
+namespace {
+
+/// Sets an environment variable for one scope and restores what was there before.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value) : mName(name) {
+        if (const char* old = std::getenv(name)) mOld = old, mHad = true;
+        if (value)
+            setenv(name, value, 1);
+        else
+            unsetenv(name);
+    }
+    ~ScopedEnv() {
+        if (mHad)
+            setenv(mName.c_str(), mOld.c_str(), 1);
+        else
+            unsetenv(mName.c_str());
+    }
+
+private:
+    std::string mName, mOld;
+    bool mHad = false;
+};
+
+}  // namespace
+
 TEST(Log, WritesToThePidFileAndStripsTheHash) {
     TempDir dir;
-    setenv("LUMO_LOG_DIR", dir.path().c_str(), 1);
+    ScopedEnv logDir("LUMO_LOG_DIR", dir.path().c_str());
     const std::string expected = dir.path() + "/lumo_dbg_log_" + std::to_string(getpid());
     EXPECT_EQ(lumoLogPath(), expected);
     {
@@ -25,7 +52,33 @@ TEST(Log, WritesToThePidFileAndStripsTheHash) {
     }
     const auto bytes = test::readBytes(expected);
     EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "plain 1\nhashed two\n");
-    unsetenv("LUMO_LOG_DIR");
+    // A folder given with its trailing separator names the same file.
+    ScopedEnv slash("LUMO_LOG_DIR", (dir.path() + "/").c_str());
+    EXPECT_EQ(lumoLogPath(), expected);
+}
+
+TEST(Log, DebuggerOutputTakesTheHashedLinesAndAtMost4096Bytes) {
+    TempDir dir;
+    ScopedEnv logDir("LUMO_LOG_DIR", dir.path().c_str());
+    {
+        ScopedEnv off("LUMO_DEBUG_OUTPUT", nullptr);
+        testing::internal::CaptureStderr();
+        lumoLog("#quiet\n");
+        lumoDebugOutput("quiet too\n");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    }
+    ScopedEnv on("LUMO_DEBUG_OUTPUT", "1");
+    testing::internal::CaptureStderr();
+    lumoLog("plain\n");
+    lumoLog("#%s %d\n", "marked", 3);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "#marked 3\n");
+    testing::internal::CaptureStderr();
+    lumoDebugOutput("%s", std::string(5000, 'x').c_str());
+    const std::string out = testing::internal::GetCapturedStderr();
+    EXPECT_GE(out.size(), 4095u);
+    EXPECT_LE(out.size(), 4096u);
+    const auto bytes = test::readBytes(lumoLogPath());
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "quiet\nplain\nmarked 3\n");
 }
 
 TEST(Message, MutedBitOnlyLogs) {

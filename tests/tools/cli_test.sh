@@ -6,6 +6,9 @@ data="$2"
 py=/usr/bin/python3
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
+# The library's log file goes to the scratch folder (tests look into it).
+export LUMO_LOG_DIR="$tmp/logs"
+mkdir -p "$LUMO_LOG_DIR"
 passed=0
 failed=0
 check() {  # check NAME CONDITION...
@@ -65,6 +68,42 @@ check "header only" $py -c "
 import json; j = json.load(open('$tmp/header.json'))
 assert j['frameFlags'] == 4 and all(c['min'] is None for c in j['channels'])"
 
+# Derived channels: speed from velocity, red, green and blue from packed colour.
+$py -c "
+import struct
+vx = [3, 0, 1, 2, 0, 6]
+vy = [4, 0, 2, 2, 5, 8]
+vz = [0, 2, 2, 1, 12, 0]
+for name, v in (('vx', vx), ('vy', vy), ('vz', vz)):
+    open('$tmp/%s.f32' % name, 'wb').write(struct.pack('<6f', *v))
+open('$tmp/rgb.bin', 'wb').write(bytes(range(0, 240, 10)))
+"
+check "pack derived" status_is 0 "$tool" pack --size 3 2 1 --channel 4="$tmp/vx.f32" \
+    --channel 5="$tmp/vy.f32" --channel 6="$tmp/vz.f32" --channel 18="$tmp/rgb.bin" \
+    --quant-bits 24 -o "$tmp/derived.vxg"
+"$tool" info --json "$tmp/derived.vxg" >"$tmp/derived.json"
+check "derived info" $py - "$tmp/derived.json" <<'PY'
+import json, sys
+j = json.load(open(sys.argv[1]))
+ch = {c["ordinal"]: c for c in j["channels"]}
+assert sorted(ch) == [3, 4, 5, 6, 7, 8, 9], ch  # 18 itself is never listed
+assert ch[3]["min"] == 2 and ch[3]["max"] == 13, ch[3]
+assert abs(ch[7]["max"] - 220 / 255) < 1e-6 and ch[9]["min"] == 0, ch[7]  # bytes 2 and 0
+assert j["channelMask"] == (1 << 4) | (1 << 5) | (1 << 6) | (1 << 18)
+assert j["infoText"] == ["[GRID: 6 cells, 3x2x1]", "RGB", "Velocity (2.00 : 13.00)"], j["infoText"]
+PY
+check "dump speed" status_is 0 "$tool" dump "$tmp/derived.vxg" --channel 3 -o "$tmp/speed.f32"
+check "dump green" status_is 0 "$tool" dump "$tmp/derived.vxg" --channel 8 -o "$tmp/green.f32"
+check "derived bytes" $py -c "
+import struct, math
+f32 = lambda x: struct.unpack('<f', struct.pack('<f', x))[0]
+speed = struct.unpack('<6f', open('$tmp/speed.f32', 'rb').read())
+assert speed == (5, 2, 3, 3, 13, 10), speed
+packed = bytes(range(0, 240, 10))
+green = struct.unpack('<6f', open('$tmp/green.f32', 'rb').read())
+assert green == tuple(f32(packed[4 * i + 1] / 255.0) for i in range(6)), green"
+check "packed colour is not a channel" status_is 1 "$tool" dump "$tmp/derived.vxg" --channel 18 -o "$tmp/x.f32"
+
 # Fixtures of every generation read through the tool.
 for f in "$data"/*.vxg; do
     check "info $(basename "$f")" status_is 0 "$tool" info "$f"
@@ -115,7 +154,9 @@ check "missing file" status_is 1 "$tool" info "$tmp/none.vxg"
 head -c 100 "$tmp/out.vxg" >"$tmp/cut.vxg"
 "$tool" info --json "$tmp/cut.vxg" >"$tmp/cut.json"
 check "broken file json" $py -c "
-import json; j = json.load(open('$tmp/cut.json')); assert j['status'] in (3, 4), j"
+import json; j = json.load(open('$tmp/cut.json'))
+assert j['status'] == 4 and j['version'] == -1 and 'gridSize' not in j, j"
+check "broken file logged" grep -q "VaporixFrameData::ImportVxg broken or bad memory allocation. File is: $tmp/cut.vxg" "$LUMO_LOG_DIR"/lumo_dbg_log_*
 check "absent channel" status_is 1 "$tool" dump "$tmp/out.vxg" --channel 5 -o "$tmp/x.f32"
 check "no output left" test ! -e "$tmp/x.f32"
 check "wrong size" status_is 1 "$tool" pack --size 4 4 4 --channel 1="$tmp/ramp.f32" -o "$tmp/y.vxg"
