@@ -570,3 +570,109 @@ TEST(VxgIO, BadParticlesOfOldSectionsAreReportedOncePerGroup) {
     EXPECT_EQ(f.particleBox[3], 1.0f);
     EXPECT_EQ(f.particleBox[5], 3.0f);
 }
+
+TEST(VxgIO, WriterLayoutOfAFrameWithoutGroups) {
+    // Tags in the writer's order, the marker, the summary with its filler behind it, the
+    // comment, no particle chunk, the end id and the version 4 trailer with a 64-bit offset.
+    TempDir dir;
+    VaporixFrameData f;
+    f.gridSize[0] = f.gridSize[1] = f.gridSize[2] = 1;
+    const Bytes s = rawStream({2.5f});
+    ASSERT_TRUE(f.appendStreamBlock(1, s.data.data(), s.size()));
+    f.frameNumber = 3;
+    f.comment = "c";
+    const std::string path = dir.file("layout.vxg");
+    ASSERT_EQ(f.WriteVxg(path.c_str(), 0x80000002u), 0);
+    const auto b = readBytes(path);
+    size_t at = 0;
+    auto i32 = [&] {
+        int32_t v;
+        std::memcpy(&v, b.data() + at, 4);
+        at += 4;
+        return v;
+    };
+    auto u64 = [&] {
+        uint64_t v;
+        std::memcpy(&v, b.data() + at, 8);
+        at += 8;
+        return v;
+    };
+    ASSERT_EQ(std::memcmp(b.data(), "VXGR", 4), 0);
+    at = 4;
+    std::vector<int32_t> tags;
+    for (;;) {
+        const int32_t tag = i32();
+        tags.push_back(tag);
+        if (tag == 0) break;
+        const size_t body[] = {0, 4, 48, 0, 4, 4, 0, 0, 0, 8, 16, 152, 0};
+        if (tag == 3) {
+            at += 12;
+            at += 4 * static_cast<size_t>(i32());
+        } else if (tag == 12) {
+            EXPECT_EQ(i32(), 392);
+            at += 392;
+        } else {
+            ASSERT_LT(tag, 13);
+            at += body[tag];
+        }
+    }
+    EXPECT_EQ(tags, (std::vector<int32_t>{1, 2, 3, 4, 5, 9, 10, 11, 12, 0}));
+    const size_t marker = at;
+    EXPECT_EQ(i32(), 13);
+    EXPECT_EQ(i32(), 1000);
+    EXPECT_EQ(u64(), 4u + 24u);  // count 0 and the box; the filler is not counted
+    EXPECT_EQ(i32(), 0);
+    at += 24;
+    EXPECT_EQ(i32(), 100000);
+    EXPECT_EQ(i32(), 1001);
+    EXPECT_EQ(u64(), 5u);
+    EXPECT_EQ(i32(), 1);
+    at += 1;
+    EXPECT_EQ(i32(), 9999999);
+    EXPECT_EQ(u64(), marker);
+    EXPECT_EQ(i32(), 4);
+    ASSERT_EQ(at + 8, b.size());
+    EXPECT_EQ(std::memcmp(b.data() + at, "VXGR2VPX", 8), 0);
+    // The mask argument is what tag 1 holds, its top bit included.
+    VaporixFrameData back;
+    ASSERT_EQ(readFile(back, path), 0);
+    EXPECT_EQ(back.channelMask, 0x80000002u);
+    EXPECT_EQ(back.frameFlags & FRAME_MASK_TOP_BIT, FRAME_MASK_TOP_BIT);
+    EXPECT_TRUE(back.HasChannel(1));
+    EXPECT_FALSE(back.HasChannel(31));
+    EXPECT_EQ(back.comment, "c");
+    EXPECT_EQ(back.groups.count, 0);
+}
+
+TEST(VxgIO, SummaryAnnouncesGridVelocityOfItsGroups) {
+    // A group that takes its velocity from the grid lists channel 1 in the summary when the
+    // written mask has a velocity bit, so that a header read knows it without the data.
+    TempDir dir;
+    VaporixFrameData f;
+    f.gridSize[0] = f.gridSize[1] = f.gridSize[2] = 1;
+    f.groups.resize(2);
+    const std::vector<float> pos = {0.5f, 0.5f, 0.5f};
+    for (int g = 0; g < 2; ++g) {
+        PGroup& grp = f.groups[g];
+        grp.name = g ? "Plain" : "Carried";
+        grp.count = 1;
+        grp.flags = g ? 0 : PGROUP_GRID_VELOCITY;
+        grp.frame = &f;
+        ASSERT_TRUE(grp.setChannel(PRT_POSITION, pos.data(), 12));
+        ASSERT_TRUE(grp.CompressChannel(PRT_POSITION, PRT_KIND_RAW));
+    }
+    const float box[6] = {0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f};
+    std::memcpy(f.particleBox, box, sizeof box);
+    const std::string path = dir.file("carried.vxg");
+    for (uint32_t mask : {0u, 1u << 5}) {
+        ASSERT_EQ(f.WriteVxg(path.c_str(), mask), 0);
+        VaporixFrameData h;
+        ASSERT_EQ(readFile(h, path, true), 0);
+        ASSERT_EQ(h.groups.count, 2);
+        EXPECT_EQ(h.groups[0].channelBits, mask ? 0x3u : 0x1u) << mask;
+        EXPECT_EQ(h.groups[1].channelBits, 0x1u) << mask;
+        EXPECT_EQ(h.groups[0].flags, PGROUP_GRID_VELOCITY);
+        EXPECT_EQ(h.particleBox[3], 0.5f);
+        EXPECT_EQ(h.groups[0].channelData[PRT_POSITION].compressed.count, 0);
+    }
+}
