@@ -97,15 +97,17 @@ void SampleChannels(float* const* channels,
         out[n] = sum;
     }
     if (weightedMask == 0) return;
-    if (weightChannel < 0 || weightChannel >= 16 || !((linearMask >> weightChannel) & 1u) ||
-        !channels[weightChannel])
-        return;
-    const float* wch = channels[weightChannel];
-    float ww[8];
+    // Without a weight channel among the sampled ones there is no weight at all: the weighted
+    // channels read 0, as they do where the weights near the sample add up to nothing.
+    float ww[8] = {};
     float total = 0.0f;
-    for (int k = 0; k < 8; ++k) {
-        ww[k] = w[k] * wch[idx[k]];
-        total += ww[k];
+    if (weightChannel >= 0 && weightChannel < 16 && ((linearMask >> weightChannel) & 1u) &&
+        channels[weightChannel]) {
+        const float* wch = channels[weightChannel];
+        for (int k = 0; k < 8; ++k) {
+            ww[k] = w[k] * wch[idx[k]];
+            total += ww[k];
+        }
     }
     const bool usable = total > 1e-6f;
     const float inv = usable ? 1.0f / total : 0.0f;

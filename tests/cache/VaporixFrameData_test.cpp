@@ -227,6 +227,19 @@ TEST(SampleChannels, InsideClampedAndWeighted) {
     out[2] = 99;
     SampleChannels(ch, size, centre, out, 0x3, 0x4, 1);
     EXPECT_EQ(out[2], 0.0f);
+    // A weight channel that isn't sampled, or doesn't exist, weighs nothing either.
+    std::fill(w.begin(), w.end(), 1.0f);
+    for (uint32_t linear : {0x1u, 0x3u}) {
+        float* without[16] = {a.data(), linear == 0x3u ? nullptr : w.data(), a.data()};
+        out[2] = 99;
+        SampleChannels(without, size, centre, out, linear, 0x4, 1);
+        EXPECT_EQ(out[2], 0.0f) << linear;
+        EXPECT_FLOAT_EQ(out[0], 3.5f);
+    }
+    // Positions on the upper edge clamp to the last cell without reading past it.
+    const float edge[3] = {1.0f, 1.0f, 1.0f};
+    SampleChannels(ch, size, edge, out, 0x1, 0, 0);
+    EXPECT_EQ(out[0], 7.0f);
 }
 
 TEST(FrameDataArray, SharesByNameAndChannelMap) {
