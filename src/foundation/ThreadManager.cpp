@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <deque>
 #include <mutex>
+#include <new>
+#include <stdexcept>
 #include <vector>
 
 #include "foundation/SequenceBlock.h"
@@ -122,6 +124,19 @@ void announceName(const char* name) {
     if (name && *name) sys::setCurrentThreadName(name);
 }
 
+// Appends to one of the manager's lists. A block that cannot be allocated is logged and
+// reported as false, so that the list's exception never leaves the manager.
+template <typename T>
+bool pushToPool(SequenceBlockList<T>& list, T value) {
+    try {
+        list.push(value);
+        return true;
+    } catch (const std::exception& e) {
+        lumoLog("#%s\n", e.what());
+        return false;
+    }
+}
+
 }  // namespace
 
 void PosixThreadManager::Impl::applySchedule(PoolThread& t) {
@@ -215,13 +230,19 @@ PoolThread* PosixThreadManager::Impl::obtainThread(ProgressCallback* progress) {
             if (t->status.compare_exchange_strong(idle, STATUS_RESERVED)) found = t;
         });
         if (!found) {
-            fresh = new PoolThread;
-            fresh->manager = this;
-            fresh->index = pool.size();
-            pool.push(fresh);
+            fresh = new (std::nothrow) PoolThread;
+            if (fresh) {
+                fresh->manager = this;
+                fresh->index = pool.size();
+                if (!pushToPool(pool, fresh)) {
+                    delete fresh;
+                    fresh = nullptr;
+                }
+            }
         }
     }
     if (found) return found;
+    if (!fresh) return nullptr;
     if (!sys::startThread(&Impl::threadMain, fresh, stackSize, fresh->handle)) {
         // Leave the state in the pool as a thread that has left, so that nothing waits on it.
         fresh->status.store(STATUS_LEFT);
@@ -338,8 +359,10 @@ int PosixThreadManager::run(int threads,
     }
     const bool messages = progress && progress->servesMessages();
 
-    // Node table, completion record and per-thread counters of this run.
+    // Node table, completion record and per-thread counters of this run. When memory runs out
+    // for a pooled record, one of this call's own serves.
     CompletionRecord* record = nullptr;
+    CompletionRecord unpooled;
     {
         sys::ScopedSpinLock guard(m.lock);
         if (m.nodeRows == -1) m.buildNodeTable();
@@ -347,9 +370,13 @@ int PosixThreadManager::run(int threads,
             if (!record && !r->inUse) record = r;
         });
         if (!record) {
-            record = new CompletionRecord;
-            m.records.push(record);
+            record = new (std::nothrow) CompletionRecord;
+            if (record && !pushToPool(m.records, record)) {
+                delete record;
+                record = nullptr;
+            }
         }
+        if (!record) record = &unpooled;
         record->inUse = true;
     }
     record->running.store(n);
