@@ -77,6 +77,7 @@ vz = [0, 2, 2, 1, 12, 0]
 for name, v in (('vx', vx), ('vy', vy), ('vz', vz)):
     open('$tmp/%s.f32' % name, 'wb').write(struct.pack('<6f', *v))
 open('$tmp/rgb.bin', 'wb').write(bytes(range(0, 240, 10)))
+open('$tmp/one.f32', 'wb').write(struct.pack('<f', 1.5))
 "
 check "pack derived" status_is 0 "$tool" pack --size 3 2 1 --channel 4="$tmp/vx.f32" \
     --channel 5="$tmp/vy.f32" --channel 6="$tmp/vz.f32" --channel 18="$tmp/rgb.bin" \
@@ -103,6 +104,14 @@ packed = bytes(range(0, 240, 10))
 green = struct.unpack('<6f', open('$tmp/green.f32', 'rb').read())
 assert green == tuple(f32(packed[4 * i + 1] / 255.0) for i in range(6)), green"
 check "packed colour is not a channel" status_is 1 "$tool" dump "$tmp/derived.vxg" --channel 18 -o "$tmp/x.f32"
+
+# Text from a file that isn't UTF-8 still gives a document that every JSON reader takes.
+check "pack odd comment" status_is 0 "$tool" pack --size 1 1 1 --channel 1="$tmp/one.f32" \
+    --comment $'caf\xc3\xa9 \xff\xc3 "q"\t' -o "$tmp/odd.vxg"
+"$tool" info --json "$tmp/odd.vxg" >"$tmp/odd.json"
+check "odd comment json" $py -c "
+import json; j = json.load(open('$tmp/odd.json', encoding='utf-8'))
+assert j['comment'] == 'caf\u00e9 \u00ff\u00c3 \"q\"\t', repr(j['comment'])"
 
 # Fixtures of every generation read through the tool.
 for f in "$data"/*.vxg; do
