@@ -1,25 +1,15 @@
 #!/usr/bin/env bash
-# The main job on built-in sample data: procedural plume fields are packed into cache frames
-# with `vaporix pack`, and `vaporix info` shows what each frame holds.
+# The main job on built-in sample data: `vaporix demo` writes a procedural fire-and-smoke
+# sequence as cache frames and renders three of them; `vaporix info` shows what a frame holds.
 set -euo pipefail
 tool="$1"
 out="$2"
-size=(40 40 56)
-frames=4
-mkdir -p "$out/fields"
-"$tool" demo --fields "$out/fields" --frames "$frames" --size "${size[@]}"
-for f in $(seq 1 "$frames"); do
-    n=$(printf '%04d' "$f")
-    args=()
-    for c in 1 2 4 5 6 10; do args+=(--channel "$c=$out/fields/plume_${n}_$c.f32"); done
-    "$tool" pack --size "${size[@]}" "${args[@]}" --frame "$f" \
-        --sim-time "$(awk "BEGIN{print $f/30}")" --comment "vaporix demo plume" \
-        -o "$out/plume_$n.vxg"
+"$tool" demo --out "$out"
+echo
+"$tool" info "$out/fire_####.vxg" --frame 12
+echo
+echo "The sample sequence and its images are in $out:"
+for image in "$out"/fire_*.png "$out"/fire_*.exr; do
+    [ -e "$image" ] && echo "  $image"
 done
-rm -rf "$out/fields"
-for f in "$out"/plume_*.vxg; do
-    echo "== $f"
-    "$tool" info "$f"
-    echo
-done
-echo "Sample frames are in $out (try: $tool info --json $out/plume_0001.vxg)"
+echo "(try: $tool render '$out/fire_####.vxg' --frame 6 --params $out/fire_look.json -o frame6.png)"

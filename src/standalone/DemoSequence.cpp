@@ -19,13 +19,13 @@ constexpr double TWO_PI = 6.283185307179586;
 
 // Shape of the flow, relative to the grid's height H (z cells) and width D (the smaller of
 // the x and y cell counts), so that a small test grid behaves like the full-size sample.
-constexpr float PLUME_SPEED = 2.2f;      // upward speed on the axis, in H per second
+constexpr float PLUME_SPEED = 2.4f;      // upward speed on the axis, in H per second
 constexpr float PLUME_RADIUS = 0.2f;     // Gaussian radius of the upward core at the base, in D
-constexpr float PLUME_SPREAD = 1.4f;     // growth of that radius from bottom to top
+constexpr float PLUME_SPREAD = 2.0f;     // growth of that radius from bottom to top
 constexpr float PLUME_SLOWDOWN = 0.8f;   // loss of axis speed from bottom to top
 constexpr float PLUME_BASE_FLOW = 0.3f;  // share of the axis speed at the floor
 constexpr float PLUME_RAMP = 0.12f;      // height over which the rest is reached, in H
-constexpr float SWIRL_STRENGTH = 0.45f;  // typical swirl speed, in axis speeds
+constexpr float SWIRL_STRENGTH = 0.5f;   // typical swirl speed, in axis speeds
 constexpr float SWIRL_RISE = 0.55f;      // speed at which the swirls rise, in axis speeds
 constexpr int SWIRL_MODES = 16;
 constexpr float SWIRL_SHORTEST = 0.10f;  // wavelengths of the swirls, in H
@@ -41,13 +41,18 @@ constexpr float PILOT_TEMPERATURE = 1200.0f;
 // Burning and cooling (rates per second, temperatures in Kelvin above a cold ambient of 0).
 constexpr float IGNITION_TEMPERATURE = 500.0f;
 constexpr float BURN_RATE = 9.0f;             // share of the fuel of a hot cell burnt per second
-constexpr float HEAT_PER_FUEL = 4500.0f;      // temperature gained per unit of fuel burnt...
-constexpr float FLAME_TEMPERATURE = 2700.0f;  // ...falling to nothing as this is approached
-constexpr float SMOKE_PER_FUEL = 1.5f;
-constexpr float COOLING_BOTTOM = 2.5f;
-constexpr float COOLING_TOP = 11.5f;
+constexpr float HEAT_PER_FUEL = 6000.0f;      // temperature gained per unit of fuel burnt...
+constexpr float FLAME_TEMPERATURE = 2600.0f;  // ...falling to nothing as this is approached
+constexpr float SMOKE_PER_FUEL = 0.2f;        // a little smoke where fuel burns...
+constexpr float SMOKE_PER_HEAT = 7e-4f;       // ...most where the hot gas cools: at the flame tips
+constexpr float COOLING_BOTTOM = 1.5f;
+constexpr float COOLING_TOP = 10.0f;
 constexpr float SMOKE_FADE = 0.1f;
-constexpr float FUEL_FADE = 1.0f;  // unburnt fuel thins out where it is cold
+// Smoke thins out fast in the top of the grid, as if it left through an open sky rather than
+// being cut off flat at the grid's ceiling.
+constexpr float SMOKE_VENT = 25.0f;
+constexpr float VENT_START = 0.8f;  // in H
+constexpr float FUEL_FADE = 1.0f;   // unburnt fuel thins out where it is cold
 
 /// splitmix64: a small generator of well mixed bits for the swirls' random choices.
 struct Random {
@@ -107,7 +112,7 @@ struct DemoSequence::State {
     std::vector<float> layerRe, layerIm;
     // Per substep: the burner's disc (x, y) and its height profile (z).
     std::vector<float> burnerDisc, burnerHeight;
-    std::vector<float> coolingKeep;  // per z
+    std::vector<float> coolingKeep, smokeKeep;  // per z
     // Per slice: the fastest velocity component of the step, the box (x0, x1, y0, y1) of cells
     // holding anything, and the box of cells whose back-trace may reach something.
     std::vector<float> sliceSpeed;
@@ -219,6 +224,7 @@ DemoSequence::DemoSequence(const DemoSettings& settings) : mSettings(settings) {
         s->burnerDisc.assign(size_t(s->n[0]) * s->n[1], 0.0f);
         s->burnerHeight.assign(size_t(s->n[2]), 0.0f);
         s->coolingKeep.assign(size_t(s->n[2]), 1.0f);
+        s->smokeKeep.assign(size_t(s->n[2]), 1.0f);
         s->sliceSpeed.assign(size_t(s->n[2]), 0.0f);
         s->sliceBox.assign(4 * size_t(s->n[2]), 0);
         s->sliceReach.assign(4 * size_t(s->n[2]), 0);
@@ -513,6 +519,8 @@ void DemoSequence::substep(double time, float dt, float blend) {
     if (mSettings.burner) {
         const float rb = BURNER_RADIUS * s.width;
         const float t = float(time);
+        // The whole fire puffs a few times a second, sending up separate billows of smoke.
+        const float puff = 0.9f + 0.1f * std::sin(float(TWO_PI) * 2.7f * t);
         for (int y = 0; y < n[1]; ++y) {
             for (int x = 0; x < n[0]; ++x) {
                 const float dx = float(x) - s.centre[0], dy = float(y) - s.centre[1];
@@ -521,10 +529,10 @@ void DemoSequence::substep(double time, float dt, float blend) {
                 const float rim = rb * (1.0f + 0.15f * std::sin(3.0f * angle + 9.0f * t) +
                                         0.10f * std::sin(5.0f * angle - 13.0f * t + 1.0f));
                 // Fuel comes in patches that drift and pulse, so the flames break into tongues.
-                const float level = 0.55f +
-                                    0.25f * std::sin(0.5f * dx + 11.0f * t) *
-                                        std::sin(0.45f * dy - 8.0f * t + 2.0f) +
-                                    0.2f * std::sin(0.33f * (dx + dy) + 15.0f * t);
+                const float level = puff * (0.68f +
+                                            0.2f * std::sin(0.5f * dx + 11.0f * t) *
+                                                std::sin(0.45f * dy - 8.0f * t + 2.0f) +
+                                            0.12f * std::sin(0.33f * (dx + dy) + 15.0f * t));
                 s.burnerDisc[size_t(y) * n[0] + x] = level * smoothstep(rim + 1.5f, rim - 1.5f, r);
             }
         }
@@ -536,9 +544,10 @@ void DemoSequence::substep(double time, float dt, float blend) {
     for (int z = 0; z < n[2]; ++z) {
         const float rate = COOLING_BOTTOM + (COOLING_TOP - COOLING_BOTTOM) * float(z) / s.height;
         s.coolingKeep[z] = std::exp(-rate * dt);
+        const float vent = smoothstep(VENT_START * s.height, s.height, float(z));
+        s.smokeKeep[z] = std::exp(-(SMOKE_FADE + SMOKE_VENT * vent * vent) * dt);
     }
     const float burnShare = -std::expm1(-BURN_RATE * dt);
-    const float smokeKeep = std::exp(-SMOKE_FADE * dt);
     const float fuelKeep = std::exp(-FUEL_FADE * dt);
 
     // Transport (semi-Lagrangian, midpoint back-trace), then burning and cooling in place.
@@ -549,6 +558,7 @@ void DemoSequence::substep(double time, float dt, float blend) {
     s.forSlices(n[2], [&](int z) {
         const float bz = burner ? s.burnerHeight[z] : 0.0f;
         const float cool = s.coolingKeep[z];
+        const float smokeKeep = s.smokeKeep[z];
         const int* r = &s.sliceReach[4 * size_t(z)];
         for (int y = 0; y < n[1]; ++y) {
             int64_t c = s.cell(0, y, z);
@@ -585,7 +595,7 @@ void DemoSequence::substep(double time, float dt, float blend) {
                     fuel *= fuelKeep;
                 }
                 s.nextTemperature[c] = temperature * cool;
-                s.nextSmoke[c] = smoke * smokeKeep;
+                s.nextSmoke[c] = (smoke + SMOKE_PER_HEAT * temperature * (1.0f - cool)) * smokeKeep;
                 s.nextFuel[c] = fuel;
             }
         }

@@ -21,7 +21,7 @@ struct DemoSettings {
     /// Frames written, numbered from 1.
     int frames = 12;
     /// Frames simulated before frame 1, so that the first frame already shows a burning fire.
-    int warmupFrames = 10;
+    int warmupFrames = 8;
     /// Transport steps per frame.
     int substeps = 3;
     /// The burner at the base that feeds fuel and heat. Without it the grid's contents are only
