@@ -60,9 +60,12 @@ int GridObject::loadFrame(const std::string& pattern, int frame, std::string& er
     }
     mFrame = slot;
     mShared = true;
-    // A plain file name serves any frame: its own frame number gives the time then.
+    // A plain file name serves any frame: its own frame number gives the time then. Only a
+    // pattern in the file name makes a sequence (a '#' in a folder name does not).
+    std::string folder, name;
+    splitPath(folder, pattern, name);
     mTime =
-        static_cast<double>(hasFramePattern(pattern) ? frame : slot->frameNumber) * TICKS_PER_FRAME;
+        static_cast<double>(hasFramePattern(name) ? frame : slot->frameNumber) * TICKS_PER_FRAME;
     return LOAD_OK;
 }
 

@@ -50,9 +50,10 @@ enum RenderStatus : int {
 };
 
 /// Renders the objects, which must have been prepared (`GridObject::prepare`). `progress`
-/// (may be null) is told the number of finished pixels out of width * height, and asked for
-/// aborts between tiles. Each pixel's random numbers come from a hash of (x, y, frameSeed), so
-/// the image is the same for any thread count.
+/// (may be null) is told the number of finished pixels out of width * height on the calling
+/// thread, and asked for aborts between tiles by the render threads, several at once. Each
+/// pixel's random numbers come from a hash of (x, y, frameSeed), so the image is the same for
+/// any thread count.
 /// @return a RenderStatus; on RENDER_FAILED `error` (when given) says why.
 int renderImage(const RenderSettings& settings,
                 const std::vector<GridObject*>& objects,
