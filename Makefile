@@ -37,7 +37,11 @@ FUZZ_SECONDS ?= 20
 fuzz-smoke: fuzz
 	scripts/fuzz-smoke.sh build/fuzz $(FUZZ_SECONDS)
 
-bench: build
+# Benchmarks also install what they compare against (OpenVDB); build and test never need it.
+bench:
+	@scripts/setup-deps.sh --bench
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS)
 	@for b in build/release/bench/vaporix_*_bench; do [ -x "$$b" ] && "$$b"; done; true
 
 format:

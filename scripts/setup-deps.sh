@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and tests need, and only those that are missing.
+# With --bench it adds what the benchmarks compare against (OpenVDB's volume renderer); the
+# build and the tests never need those.
 set -euo pipefail
 
 PACKAGES=(
@@ -7,6 +9,17 @@ PACKAGES=(
     libgtest-dev libgmock-dev libbenchmark-dev
     zlib1g-dev libzstd-dev libpng-dev libopenexr-dev libimath-dev
 )
+BENCH_PACKAGES=(libopenvdb-dev libboost-iostreams-dev libtbb-dev)
+
+for arg in "$@"; do
+    case "$arg" in
+        --bench) PACKAGES+=("${BENCH_PACKAGES[@]}") ;;
+        *)
+            echo "usage: $0 [--bench]" >&2
+            exit 2
+            ;;
+    esac
+done
 
 missing=()
 for p in "${PACKAGES[@]}"; do
