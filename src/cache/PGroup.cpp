@@ -2,6 +2,8 @@
 #include "cache/PGroup.h"
 
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "cache/ParticleJobs.h"
 #include "cache/SGCompressor.h"
@@ -248,6 +250,27 @@ bool PGroup::CompressChannel(int channel, int kind) {
     return ok;
 }
 
+namespace {
+
+/// Sizes a byte array for `n` bytes without clearing them, for expansions that write every
+/// byte: clearing first would cost a second pass over arrays of many megabytes.
+bool sizeForOverwrite(iArray<uint8_t, long long>& a, long long n) {
+    if (n > a.capacity && !a.reserveExact(n)) return false;
+    a.count = n;
+    return true;
+}
+
+/// value[i * C + k] = planar[k * count + i], with the component count known to the compiler.
+template <int C>
+void interleave(const float* planar, int64_t count, float* out) {
+    const float* in[C];
+    for (int k = 0; k < C; ++k) in[k] = planar + k * count;
+    for (int64_t i = 0; i < count; ++i)
+        for (int k = 0; k < C; ++k) out[i * C + k] = in[k][i];
+}
+
+}  // namespace
+
 int PGroup::DecompressChannel(int channel, bool dropCompressed) {
     if (channel < 0 || channel >= PRT_CHANNELS) return 0;
     ChannelData& cd = channelData[channel];
@@ -261,7 +284,7 @@ int PGroup::DecompressChannel(int channel, bool dropCompressed) {
     const uint64_t values = static_cast<uint64_t>(count < 0 ? 0 : count) * components;
     const uint64_t bytes = values * 4;
     bool ok = count >= 0 && expansionJustified(bytes, static_cast<uint64_t>(cd.compressed.count)) &&
-              cd.expanded.resize(static_cast<long long>(bytes), nullptr, true);
+              sizeForOverwrite(cd.expanded, static_cast<long long>(bytes));
     if (ok) {
         const uint8_t* src = cd.compressed.data;
         const uint64_t srcBytes = static_cast<uint64_t>(cd.compressed.count);
@@ -284,33 +307,37 @@ int PGroup::DecompressChannel(int channel, bool dropCompressed) {
                 break;
             }
             case PRT_KIND_SG_COMPONENTS: {
-                // Decoded component after component; interleave per particle.
-                iArray<float, long long> planar;
+                // Decoded component after component, then interleaved per particle; one
+                // component (or none) is its own interleave.
                 SGCompressor<1> codec;
-                ok = planar.resize(static_cast<long long>(values), nullptr, true) &&
-                     codec.decode(src, srcBytes, planar.data, values);
-                if (ok) {
-                    float* out = reinterpret_cast<float*>(dst);
-                    for (int64_t i = 0; i < count; ++i)
-                        for (int k = 0; k < components; ++k)
-                            out[i * components + k] = planar.data[int64_t(k) * count + i];
+                float* out = reinterpret_cast<float*>(dst);
+                if (components <= 1) {
+                    ok = codec.decode(src, srcBytes, out, values);
+                    break;
                 }
+                std::unique_ptr<float[]> planar(new (std::nothrow) float[values]);
+                ok = planar && codec.decode(src, srcBytes, planar.get(), values);
+                if (!ok) break;
+                if (components == 3)
+                    interleave<3>(planar.get(), count, out);
+                else
+                    interleave<2>(planar.get(), count, out);
                 break;
             }
             case PRT_KIND_BITPLANES: {
-                const int64_t w = (int64_t(count) + 31) / 32;
-                iArray<uint32_t, long long> planes;
-                const long long words = w * components * 32;
-                ok = planes.resize(words, nullptr, true);
-                if (ok && words) {
-                    std::memset(planes.data, 0, static_cast<size_t>(words) * 4);
-                    ok = inflateInto(src, srcBytes, reinterpret_cast<uint8_t*>(planes.data),
-                                     static_cast<uint64_t>(words) * 4);
-                }
-                if (ok) {
-                    MTPrtIn gather;
-                    gather.gather(planes.data, count, components, reinterpret_cast<uint32_t*>(dst));
-                }
+                // Planes of w words for every bit of every component; a stream that ends early
+                // leaves the missing words 0.
+                const uint64_t w = (static_cast<uint64_t>(count) + 31) / 32;
+                const uint64_t planeBytes = w * components * 32 * 4;
+                if (planeBytes == 0) break;
+                std::unique_ptr<uint32_t[]> planes(new (std::nothrow) uint32_t[planeBytes / 4]);
+                uint64_t written = 0;
+                auto* planeData = reinterpret_cast<uint8_t*>(planes.get());
+                ok = planes && inflateInto(src, srcBytes, planeData, planeBytes, &written);
+                if (!ok) break;
+                if (written < planeBytes) std::memset(planeData + written, 0, planeBytes - written);
+                MTPrtIn gather;
+                gather.gather(planes.get(), count, components, reinterpret_cast<uint32_t*>(dst));
                 break;
             }
         }

@@ -4,6 +4,10 @@
 #include <algorithm>
 #include <cmath>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "cache/PGroup.h"
 #include "cache/VaporixFrameData.h"
 
@@ -65,47 +69,79 @@ MTComputeParticlesBbox& MTComputeParticlesBbox::instance() {
 
 namespace {
 
-/// Transposes a 32x32 bit matrix in place: bit j of word i goes to bit i of word j.
-void transpose32(uint32_t a[32]) {
-    uint32_t m = 0x0000FFFFu;
-    for (int j = 16; j != 0; j >>= 1, m ^= m << j) {
-        for (int k = 0; k < 32; k = (k + j + 1) & ~j) {
-            const uint32_t t = ((a[k] >> j) ^ a[k + j]) & m;
-            a[k] ^= t << j;
-            a[k + j] ^= t;
+#if defined(__SSE2__)
+/// The 32x32 bit transpose of the gather: bit b of out[p] = bit p of rows[b]. Bytes q of 16
+/// rows at a time go into one register, whose byte sign bits give bit 8q + 7 of those rows
+/// at once; doubling the bytes brings the next bit into the sign.
+void transposeBits(const uint32_t rows[32], uint32_t out[32]) {
+    const __m128i low = _mm_set1_epi32(0xFF);
+    __m128i r[8];
+    for (int j = 0; j < 8; ++j) r[j] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows) + j);
+    for (int q = 0; q < 4; ++q) {
+        const __m128i shift = _mm_cvtsi32_si128(8 * q);
+        __m128i bytes[2];
+        for (int h = 0; h < 2; ++h) {
+            const __m128i* v = r + 4 * h;
+            const __m128i a = _mm_and_si128(_mm_srl_epi32(v[0], shift), low);
+            const __m128i b = _mm_and_si128(_mm_srl_epi32(v[1], shift), low);
+            const __m128i c = _mm_and_si128(_mm_srl_epi32(v[2], shift), low);
+            const __m128i d = _mm_and_si128(_mm_srl_epi32(v[3], shift), low);
+            // Byte q of rows 16h .. 16h + 15, in row order.
+            bytes[h] = _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_packs_epi32(c, d));
+        }
+        for (int bit = 7; bit >= 0; --bit) {
+            out[8 * q + bit] = static_cast<uint32_t>(_mm_movemask_epi8(bytes[0])) |
+                               (static_cast<uint32_t>(_mm_movemask_epi8(bytes[1])) << 16);
+            bytes[0] = _mm_add_epi8(bytes[0], bytes[0]);
+            bytes[1] = _mm_add_epi8(bytes[1], bytes[1]);
         }
     }
 }
+#else
+/// The 32x32 bit transpose of the gather: bit b of out[p] = bit p of rows[b], by exchanging
+/// ever smaller blocks.
+void transposeBits(const uint32_t rows[32], uint32_t out[32]) {
+    for (int k = 0; k < 32; ++k) out[k] = rows[k];
+    uint32_t m = 0x0000FFFFu;
+    for (int j = 16; j != 0; j >>= 1, m ^= m << j) {
+        for (int k = 0; k < 32; k = (k + j + 1) & ~j) {
+            const uint32_t t = ((out[k] >> j) ^ out[k + j]) & m;
+            out[k] ^= t << j;
+            out[k + j] ^= t;
+        }
+    }
+}
+#endif
 
 }  // namespace
 
 void MTPrtIn::jobProc(Job& job) {
     const int64_t w = (mCount + 31) / 32;
-    int64_t i = static_cast<int64_t>(job.first);
+    const int64_t first = static_cast<int64_t>(job.first);
     const int64_t end = static_cast<int64_t>(job.last);
-    while (i < end) {
-        const int64_t word = i >> 5;
-        if ((i & 31) == 0 && i + 32 <= end) {
-            // A whole word of each plane: one bit transpose gives 32 particles at once.
-            for (int k = 0; k < mComponents; ++k) {
-                uint32_t block[32];
-                const uint32_t* plane = mPlanes + word + int64_t(k) * 32 * w;
-                for (int b = 0; b < 32; ++b) block[b] = plane[int64_t(b) * w];
-                transpose32(block);
-                for (int p = 0; p < 32; ++p) mOut[(i + p) * mComponents + k] = block[p];
+    // One component at a time: its 32 planes are the only streams read meanwhile.
+    for (int k = 0; k < mComponents; ++k) {
+        const uint32_t* planes = mPlanes + int64_t(k) * 32 * w;
+        int64_t i = first;
+        while (i < end) {
+            const int64_t word = i >> 5;
+            if ((i & 31) == 0 && i + 32 <= end) {
+                // A whole word of each plane: one bit transpose gives 32 particles at once.
+                uint32_t rows[32], values[32];
+                for (int b = 0; b < 32; ++b) rows[b] = planes[word + int64_t(b) * w];
+                transposeBits(rows, values);
+                uint32_t* out = mOut + i * mComponents + k;
+                for (int p = 0; p < 32; ++p) out[p * mComponents] = values[p];
+                i += 32;
+                continue;
             }
-            i += 32;
-            continue;
-        }
-        const uint32_t bit = 1u << (i & 31);
-        for (int k = 0; k < mComponents; ++k) {
+            const uint32_t bit = 1u << (i & 31);
             uint32_t v = 0;
-            const uint32_t* plane = mPlanes + word + int64_t(k) * 32 * w;
             for (int b = 0; b < 32; ++b)
-                if (plane[int64_t(b) * w] & bit) v |= 1u << b;
+                if (planes[word + int64_t(b) * w] & bit) v |= 1u << b;
             mOut[i * mComponents + k] = v;
+            ++i;
         }
-        ++i;
     }
 }
 

@@ -481,8 +481,9 @@ bool SymbolCoder::buildLookup() {
                 const int sub = std::min<int>(SUBTABLE_BITS, mHeights.data[v.node]);
                 uint64_t entry = static_cast<uint64_t>(level.bits) << 32;
                 const long long at = mLookup.count;
-                if (at + (1ll << sub) <= budget &&
-                    mLookup.resize(at + (1ll << sub), nullptr, true)) {
+                // Grown with room to spare: exact growth would copy the table once per
+                // subtable, quadratic in big alphabets.
+                if (at + (1ll << sub) <= budget && mLookup.resize(at + (1ll << sub))) {
                     entry |= static_cast<uint32_t>(at) | LOOKUP_SUBTABLE |
                              (static_cast<uint64_t>(sub) << 48);
                     if (!levels.append(Level{v.node, sub, at})) return false;
