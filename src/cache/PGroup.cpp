@@ -157,7 +157,12 @@ bool PGroup::setChannel(int channel, const void* data, uint64_t size) {
     if (size == ~uint64_t(0)) size = needed;
     if (size != needed) return false;
     ChannelData& cd = channelData[channel];
-    if (static_cast<uint64_t>(cd.expanded.count) != needed && !allocChannel(channel)) return false;
+    if (static_cast<uint64_t>(cd.expanded.count) != needed) {
+        // Sized as a new array first, so that a failure leaves the old one as it was.
+        iArray<uint8_t, long long> sized;
+        if (needed && !sized.resize(static_cast<long long>(needed), nullptr, true)) return false;
+        cd.expanded.swap(sized);
+    }
     if (size) std::memcpy(cd.expanded.data, data, size);
     return true;
 }

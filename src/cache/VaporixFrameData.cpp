@@ -533,7 +533,7 @@ IVaporixPrtGroup* VaporixFrameData::FindParticleGroup(const std::string& name) {
 }
 
 bool VaporixFrameData::resolveParticle(int& group, int& index) {
-    if (index < 0) return false;
+    if (index < 0 || group < -1) return false;
     if (group >= 0) return group < groups.count && index < groups[group].GetCount();
     int64_t sum = 0;
     for (int g = 0; g < groups.count; ++g) {

@@ -208,6 +208,31 @@ TEST(PGroup, VelocityFromTheGrid) {
     EXPECT_EQ(v[0], 3.0f);
     EXPECT_EQ(v[1], 4.0f);
     EXPECT_EQ(v[2], -1.0f);
+
+    // Through the frame: velocity scaled, and a grid without channel 6 gives 0 in z.
+    VaporixFrameData two;
+    two.gridSize[0] = 2;
+    two.gridSize[1] = two.gridSize[2] = 1;
+    two.channelMask = 0x30;
+    two.velocityScale = 2;
+    two.appendStreamBlock(4, vx.data.data(), vx.size());
+    two.appendStreamBlock(5, vy.data.data(), vy.size());
+    two.GetChannelData(4);
+    two.GetChannelData(5);
+    two.groups.resize(1);
+    PGroup& h = two.groups[0];
+    h.frame = &two;
+    h.flags = PGROUP_GRID_VELOCITY;
+    h.count = 1;
+    const float mid[3] = {0.25f, 0, 0};
+    h.setChannel(PRT_POSITION, mid, ~uint64_t(0));
+    h.setChannel(PRT_VELOCITY, stored, ~uint64_t(0));
+    h.channelData[PRT_VELOCITY].expanded.free();
+    EXPECT_TRUE(h.HasChannel(PRT_VELOCITY));
+    ASSERT_NE(two.getParticleVelocity(-1, 0, v, nullptr), nullptr);
+    EXPECT_EQ(v[0], 2 * 1.5f);
+    EXPECT_EQ(v[1], 2 * 2.5f);
+    EXPECT_EQ(v[2], 0.0f);
 }
 
 TEST(PGroup, ChannelsAndCopies) {
@@ -223,6 +248,8 @@ TEST(PGroup, ChannelsAndCopies) {
     const float sizes[3] = {1, 2, 3};
     EXPECT_FALSE(g.setChannel(2, sizes, 8));
     EXPECT_TRUE(g.setChannel(2, sizes, 12));
+    EXPECT_FALSE(g.setChannel(2, sizes, 16));  // refused sizes leave the values
+    EXPECT_EQ(*static_cast<float*>(g.getChannelPointer(1, 2)), 2.0f);
     EXPECT_EQ(*static_cast<float*>(g.getChannelPointer(2, 2)), 3.0f);
     EXPECT_EQ(g.getChannelPointer(3, 2), nullptr);
     EXPECT_EQ(g.getChannelPointer(0, 4), nullptr);
@@ -258,6 +285,11 @@ TEST(VaporixFrameData, ParticleAccessorsWalkAllGroups) {
     group = -1;
     index = 3;
     EXPECT_FALSE(frame.resolveParticle(group, index));
+    group = -2;  // only -1 walks the groups
+    index = 0;
+    EXPECT_FALSE(frame.resolveParticle(group, index));
+    group = 0;
+    EXPECT_FALSE(frame.resolveParticle(group, index));  // the empty group
     float out[3];
     GridTransform tm;
     tm.m[9] = 10;
