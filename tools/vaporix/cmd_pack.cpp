@@ -32,7 +32,8 @@ const char* USAGE =
     "after particle: 3 float32 for position (0, in grid coordinates), velocity (1) and 4, one\n"
     "int64 for the ID (10), one float32 for the others. Every group needs positions. KIND is the\n"
     "stored compression: 0 raw, 1 zlib, 2 codec stream, 3 codec stream per component, 4 zlib\n"
-    "bit planes (default: 4 for IDs, 3 otherwise).\n";
+    "bit planes (default: 4 for IDs, 3 otherwise). Every kind keeps the values exactly (the\n"
+    "codec streams of kinds 2 and 3 are written unquantised; --quant-bits is for the grid).\n";
 
 /// Settings of the grid stream encoder.
 struct EncodeSettings {
