@@ -672,25 +672,39 @@ bench::VdbVolumeRender& vdb() {
     return *renderer;
 }
 
-/// Steps of each VolumeRender variant: 0 as asked (0.5 and 1 voxel along the ray), 1 with the
-/// euclidean lengths our steps have in this view (same samples per ray as ours).
-void vdbSteps(int variant, double& primary, double& shadow) {
-    primary = PRIMARY_STEP;
-    shadow = SHADOW_STEP;
+/// VolumeRender's own default cut-off.
+constexpr double VDB_DEFAULT_CUTOFF = 0.005;
+
+/// How each VolumeRender variant marches: 0 as asked (steps of 0.5 and 1 voxel along the ray,
+/// the cut-off where ours stops), 1 with the euclidean step lengths ours have in this view
+/// (about as many samples per ray as ours), 2 as 0 with VolumeRender's default cut-off.
+struct VdbMarching {
+    double primary = PRIMARY_STEP, shadow = SHADOW_STEP, cutoff = 0.0;
+};
+
+VdbMarching vdbMarching(int variant) {
+    VdbMarching m;
+    m.cutoff = vdbCutoff(benchScene());
     if (variant == 1) {
         static const double p = meanPrimaryStepLength(benchScene());
-        primary = p;
-        shadow = shadowStepLength(benchScene());
+        m.primary = p;
+        m.shadow = shadowStepLength(benchScene());
+    } else if (variant == 2) {
+        m.cutoff = VDB_DEFAULT_CUTOFF;
     }
+    return m;
+}
+
+void useMarching(int variant) {
+    const VdbMarching m = vdbMarching(variant);
+    vdb().setMarching(m.primary, m.shadow, m.cutoff);
 }
 
 uint64_t vdbSamples(int variant) {
     static std::map<int, uint64_t> counts;
     auto it = counts.find(variant);
     if (it != counts.end()) return it->second;
-    double primary, shadow;
-    vdbSteps(variant, primary, shadow);
-    vdb().setSteps(primary, shadow);
+    useMarching(variant);
     return counts[variant] = vdb().countSamples();
 }
 
@@ -703,9 +717,7 @@ void BM_VolumeRender(benchmark::State& state) {
     const int variant = static_cast<int>(state.range(0));
     const int threads = static_cast<int>(state.range(1));
     const uint64_t samples = vdbSamples(variant);
-    double primary, shadow;
-    vdbSteps(variant, primary, shadow);
-    vdb().setSteps(primary, shadow);
+    useMarching(variant);
     CpuMeter cpu;
     for (auto _ : state) {
         cpu.start();
@@ -713,9 +725,10 @@ void BM_VolumeRender(benchmark::State& state) {
         cpu.stop();
     }
     setCounters(state, samples, cpu);
+    const VdbMarching m = vdbMarching(variant);
     char label[96];
-    std::snprintf(label, sizeof label, "steps %.3f/%.3f voxel, threads %d", primary, shadow,
-                  threads);
+    std::snprintf(label, sizeof label, "steps %.3f/%.3f voxel, cut-off %.2g, threads %d", m.primary,
+                  m.shadow, m.cutoff, threads);
     state.SetLabel(label);
 }
 
@@ -733,6 +746,7 @@ BENCHMARK(BM_VolumeRender)
     ->Args({0, 1})
     ->Args({0, 2})
     ->Args({1, 1})
+    ->Args({2, 1})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 #endif
@@ -802,7 +816,7 @@ void writeImages(const std::string& dir) {
     renderCeiling(sc, 1, rgba);
     writeOpaque(dir + "/bench-ceiling.png", rgba);
 #ifdef VAPORIX_BENCH_OPENVDB
-    vdb().setSteps(PRIMARY_STEP, SHADOW_STEP);
+    useMarching(0);
     vdb().render(2);
     vdb().pixels(rgba);
     writeOpaque(dir + "/bench-openvdb.png", rgba);
@@ -913,7 +927,8 @@ void printSummary(const Recorder& r) {
 #ifdef VAPORIX_BENCH_OPENVDB
     const Row vdb1 = row(r, "BM_VolumeRender/0/1", vdbSamples(0)),
               vdb2 = row(r, "BM_VolumeRender/0/2", vdbSamples(0)),
-              vdbMatched = row(r, "BM_VolumeRender/1/1", vdbSamples(1));
+              vdbMatched = row(r, "BM_VolumeRender/1/1", vdbSamples(1)),
+              vdbDefault = row(r, "BM_VolumeRender/2/1", vdbSamples(2));
     // Same view: VolumeRender's camera rays against ours at the corners and the centre.
     double worst = 0.0;
     Camera cam = sc.settings.camera;
@@ -928,7 +943,7 @@ void printSummary(const Recorder& r) {
         worst = std::max(worst, std::acos(dot));
     }
     std::vector<float> vdbImage;
-    vdb().setSteps(PRIMARY_STEP, SHADOW_STEP);
+    useMarching(0);
     vdb().render(2);
     vdb().pixels(vdbImage);
     compareImages(ours.rgba, vdbImage, mean, largest);
@@ -951,6 +966,7 @@ void printSummary(const Recorder& r) {
     printRow("VolumeRender, 1 thread", vdb1);
     printRow("VolumeRender, 2 threads", vdb2);
     printRow("VolumeRender our steps, 1 thread", vdbMatched);
+    printRow("VolumeRender cut-off 0.005, 1 th.", vdbDefault);
 #endif
     std::printf("\nRatios (wall clock; from CPU times in brackets):\n");
     std::printf("  ours / ceiling samples per second, 1 thread: %s (%s)  target >= 0.6x\n",
@@ -967,6 +983,9 @@ void printSummary(const Recorder& r) {
     std::printf("  ours / VolumeRender with our step lengths, image time, 1 thread: %s (%s)\n",
                 ratio(ours1.wall, vdbMatched.wall).c_str(),
                 ratio(ours1.cpu, vdbMatched.cpu).c_str());
+    std::printf("  ours / VolumeRender with its default cut-off, image time, 1 thread: %s (%s)\n",
+                ratio(ours1.wall, vdbDefault.wall).c_str(),
+                ratio(ours1.cpu, vdbDefault.cpu).c_str());
 #else
     std::printf(
         "  VolumeRender: not built (OpenVDB was not found; scripts/setup-deps.sh --bench "

@@ -47,6 +47,7 @@ struct VdbVolumeRender::Impl {
     std::unique_ptr<openvdb::tools::PerspectiveCamera> camera;
     double primaryStep = 0.5;
     double shadowStep = 1.0;
+    double cutoff = 0.005;
 
     template <typename R>
     void configure(R& r) const {
@@ -59,7 +60,7 @@ struct VdbVolumeRender::Impl {
         r.setAbsorption(0.0, 0.0, 0.0);
         // No multiple-scattering fudge: plain Beer-Lambert along the shadow rays.
         r.setLightGain(0.0);
-        r.setCutOff(scene.cutoff);
+        r.setCutOff(cutoff);
     }
 };
 
@@ -69,6 +70,7 @@ VdbVolumeRender::VdbVolumeRender(const VdbSceneDesc& scene) : mImpl(std::make_un
     m.scene = scene;
     m.primaryStep = scene.primaryStep;
     m.shadowStep = scene.shadowStep;
+    m.cutoff = scene.cutoff;
 
     // The sparse grid: zero is the background, so the empty cells stay inactive.
     const openvdb::CoordBBox box(
@@ -97,9 +99,10 @@ VdbVolumeRender::VdbVolumeRender(const VdbSceneDesc& scene) : mImpl(std::make_un
 
 VdbVolumeRender::~VdbVolumeRender() = default;
 
-void VdbVolumeRender::setSteps(double primaryStep, double shadowStep) {
+void VdbVolumeRender::setMarching(double primaryStep, double shadowStep, double cutoff) {
     mImpl->primaryStep = primaryStep;
     mImpl->shadowStep = shadowStep;
+    mImpl->cutoff = cutoff;
 }
 
 void VdbVolumeRender::render(int threads) {

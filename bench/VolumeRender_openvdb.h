@@ -43,8 +43,8 @@ public:
     VdbVolumeRender(const VdbVolumeRender&) = delete;
     VdbVolumeRender& operator=(const VdbVolumeRender&) = delete;
 
-    /// Changes the ray steps of the next renders.
-    void setSteps(double primaryStep, double shadowStep);
+    /// Changes the ray steps and the cut-off of the next renders.
+    void setMarching(double primaryStep, double shadowStep, double cutoff);
     /// Renders the image on a TBB arena of `threads` threads.
     void render(int threads);
     /// Renders once on one thread with a sampler that counts its grid samples.
