@@ -1,5 +1,5 @@
 // Parameter assignments in their command-line form.
-#include "standalone/paramassign.h"
+#include "playback/ParamAssign.h"
 
 #include <cctype>
 #include <cerrno>

@@ -9,7 +9,7 @@
 #include "playback/ParamJson.h"
 #include "playback/ParamUpgrade.h"
 #include "render/Blackbody.h"
-#include "standalone/paramassign.h"
+#include "playback/ParamAssign.h"
 
 namespace vaporix {
 

@@ -7,7 +7,7 @@
 #include "SceneFixtures.h"
 #include "TestSupport.h"
 #include "playback/ParamJson.h"
-#include "standalone/paramassign.h"
+#include "playback/ParamAssign.h"
 
 namespace vaporix {
 namespace {

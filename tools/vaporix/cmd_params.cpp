@@ -9,6 +9,7 @@
 #include "playback/CachePaths.h"
 #include "playback/JsonValue.h"
 #include "playback/MemoryParamStorage.h"
+#include "playback/ParamAssign.h"
 #include "playback/ParamJson.h"
 #include "playback/ParamUpgrade.h"
 #include "playback/VaporixDefaults.h"
@@ -36,11 +37,6 @@ const char* USAGE =
     "  --changed          with --save: only the parameters that differ from their default\n";
 
 const char* blockLabel(int blockIndex) { return blockIndex == 0 ? "render" : "preview"; }
-
-std::string lower(std::string s) {
-    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
 
 std::string formatFloat(double d) {
     char buf[40];
@@ -192,143 +188,6 @@ void printList(const MemoryParamStorage* values, bool json) {
     }
 }
 
-/// Parses one value of the parameter's type from the command line.
-bool parseValue(const ParamDef& def, const std::string& text, ParamValue& out) {
-    long long i = 0;
-    double d = 0.0;
-    switch (def.type) {
-        case ParamType::Int:
-            if (parseInt(text, i) && i >= -2147483648LL && i <= 2147483647LL) {
-                out.i = static_cast<int>(i);
-                return true;
-            }
-            for (const ParamChoice& c : paramChoices(def))
-                if (lower(c.text) == lower(text)) {
-                    out.i = c.value;
-                    return true;
-                }
-            return false;
-        case ParamType::Bool: {
-            const std::string t = lower(text);
-            if (t == "on" || t == "true" || t == "yes" || t == "1")
-                out.i = 1;
-            else if (t == "off" || t == "false" || t == "no" || t == "0")
-                out.i = 0;
-            else
-                return false;
-            return true;
-        }
-        case ParamType::Float:
-            if (!parseFloat(text, d)) return false;
-            out.f = static_cast<float>(d);
-            return true;
-        case ParamType::Point3: {
-            std::string t = text;
-            if (t.size() >= 2 && t.front() == '(' && t.back() == ')') t = t.substr(1, t.size() - 2);
-            float* c[3] = {&out.v.x, &out.v.y, &out.v.z};
-            size_t start = 0;
-            for (int k = 0; k < 3; ++k) {
-                const size_t comma = t.find(',', start);
-                if ((k < 2) != (comma != std::string::npos)) return false;
-                std::string part = t.substr(start, k < 2 ? comma - start : std::string::npos);
-                while (!part.empty() && part.front() == ' ') part.erase(0, 1);
-                while (!part.empty() && part.back() == ' ') part.pop_back();
-                if (!parseFloat(part, d)) return false;
-                *c[k] = static_cast<float>(d);
-                start = comma + 1;
-            }
-            return true;
-        }
-        case ParamType::String:
-        case ParamType::Texmap:
-            out.s = text;
-            return true;
-        case ParamType::Node:
-            if (!parseInt(text, i)) return false;
-            out.node = i;
-            return true;
-    }
-    return false;
-}
-
-/// Applies one NAME[i]@TICK=VALUE. An empty result means success.
-std::string applySet(const std::string& arg,
-                     MemoryParamStorage& storage,
-                     VaporixParamsMax& params) {
-    const size_t eq = arg.find('=');
-    if (eq == std::string::npos || eq == 0) return "--set needs NAME=VALUE, got '" + arg + "'";
-    std::string name = arg.substr(0, eq);
-    const std::string text = arg.substr(eq + 1);
-
-    long long tick = 0;
-    bool keyed = false;
-    if (const size_t at = name.find('@'); at != std::string::npos) {
-        if (!parseInt(name.substr(at + 1), tick) || tick < -2147483647LL || tick > 2147483647LL)
-            return "bad tick in '" + name + "'";
-        keyed = true;
-        name.resize(at);
-    }
-    long long item = 0;
-    bool indexed = false;
-    if (const size_t br = name.find('['); br != std::string::npos) {
-        if (name.back() != ']' || !parseInt(name.substr(br + 1, name.size() - br - 2), item) ||
-            item < 0 || item > 2147483647LL)
-            return "bad item index in '" + name + "'";
-        indexed = true;
-        name.resize(br);
-    }
-    const ParamDef* def = findParamDef(name);
-    if (!def) return "unknown parameter '" + name + "'";
-    if (keyed && !def->isAnimatable()) return "'" + name + "' cannot be keyed";
-    if (indexed && !def->isTab()) return "'" + name + "' is not a tab";
-
-    // A JSON value: a whole tab or keyed values, read as the files are.
-    if (!indexed && !keyed && !text.empty() && (text.front() == '[' || text.front() == '{') &&
-        (def->isTab() || text.front() == '{')) {
-        JsonValue j;
-        std::string error;
-        if (!JsonValue::parse(text, j, error)) return "'" + name + "': " + error;
-        JsonValue obj = JsonValue::object();
-        obj.set(name, std::move(j));
-        std::vector<std::string> warnings;
-        if (!paramsFromJson(obj, storage, warnings, error)) return error;
-        return "";
-    }
-    if (def->isTab() && !indexed) return "'" + name + "' is a tab: give NAME[i]=VALUE or a list";
-
-    ParamValue v;
-    if (!parseValue(*def, text, v))
-        return "'" + text + "' is no " + paramTypeName(def->type) + " value for '" + name + "'";
-    const int index = static_cast<int>(item);
-    if (indexed && index >= storage.count(*def) && !storage.setCount(*def, index + 1))
-        return "'" + name + "' cannot hold " + std::to_string(index + 1) + " items";
-    if (keyed) {
-        storage.setKey(*def, static_cast<TimeValue>(tick), index, clampToRange(*def, v));
-        return "";
-    }
-    // Through the accessors, as the panel or a script would set it.
-    bool ok = false;
-    switch (def->type) {
-        case ParamType::Int:
-        case ParamType::Bool:
-            ok = params.setInt(name.c_str(), 0, v.i, index);
-            break;
-        case ParamType::Float:
-            ok = params.setFloat(name.c_str(), 0, v.f, index);
-            break;
-        case ParamType::Point3:
-            ok = params.setVector(name.c_str(), 0, v.v, index);
-            break;
-        case ParamType::String:
-        case ParamType::Texmap:
-            ok = params.setString(name.c_str(), 0, v.s, index);
-            break;
-        case ParamType::Node:
-            ok = params.setNode(name.c_str(), 0, v.node, index);
-            break;
-    }
-    return ok ? "" : "could not set '" + name + "'";
-}
 
 int run(int argc, char** argv) {
     Args args;
@@ -378,8 +237,9 @@ int run(int argc, char** argv) {
         }
     }
     for (const auto& use : args.uses("--set")) {
-        const std::string problem = applySet(use[0], storage, params);
-        if (!problem.empty()) return usageError("params", problem);
+        std::string problem;
+        if (!applyParamAssignment(use[0], storage, params, problem))
+            return usageError("params", problem);
     }
 
     if (args.has("--save")) {
