@@ -51,8 +51,10 @@ constexpr float SMOKE_FADE = 0.1f;
 // Smoke thins out fast in the top of the grid, as if it left through an open sky rather than
 // being cut off flat at the grid's ceiling.
 constexpr float SMOKE_VENT = 25.0f;
-constexpr float VENT_START = 0.8f;  // in H
-constexpr float FUEL_FADE = 1.0f;   // unburnt fuel thins out where it is cold
+constexpr float VENT_START = 0.8f;         // in H
+constexpr float FUEL_FADE = 1.0f;          // unburnt fuel thins out where it is cold
+constexpr float TEMPERATURE_FLOOR = 1.0f;  // Kelvin
+constexpr float DENSITY_FLOOR = 1e-4f;     // smoke and fuel
 
 /// splitmix64: a small generator of well mixed bits for the swirls' random choices.
 struct Random {
@@ -594,9 +596,13 @@ void DemoSequence::substep(double time, float dt, float blend) {
                 } else {
                     fuel *= fuelKeep;
                 }
-                s.nextTemperature[c] = temperature * cool;
-                s.nextSmoke[c] = (smoke + SMOKE_PER_HEAT * temperature * (1.0f - cool)) * smokeKeep;
-                s.nextFuel[c] = fuel;
+                smoke = (smoke + SMOKE_PER_HEAT * temperature * (1.0f - cool)) * smokeKeep;
+                temperature *= cool;
+                // Traces far below anything visible are cleared: the fields stay sparse, which
+                // keeps transport cheap and the files small.
+                s.nextTemperature[c] = temperature >= TEMPERATURE_FLOOR ? temperature : 0.0f;
+                s.nextSmoke[c] = smoke >= DENSITY_FLOOR ? smoke : 0.0f;
+                s.nextFuel[c] = fuel >= DENSITY_FLOOR ? fuel : 0.0f;
             }
         }
     });
