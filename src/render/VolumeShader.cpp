@@ -9,6 +9,7 @@
 #include <new>
 
 #include "cache/VaporixFrameData.h"
+#include "foundation/MTJobs.h"
 #include "foundation/log.h"
 
 namespace vaporix {
@@ -16,22 +17,6 @@ namespace vaporix {
 // ---------------------------------------------------------------------------------------------
 // Small helpers
 // ---------------------------------------------------------------------------------------------
-
-float FastPow2(float p) {
-    // A rational fit of 2^fraction, put together with the integer part in the float's bits.
-    // The upper limit only keeps the integer conversion defined; extinction never comes near.
-    if (p > 127.99f) p = 127.99f;
-    const float c = p < -126.0f ? -126.0f : p;
-    const int w = static_cast<int>(c);
-    const float off = p < 0.0f ? 1.0f : 0.0f;
-    const float z = c - static_cast<float>(w) + off;
-    const float v =
-        8388608.0f * (c + 121.27405548f + 27.72802353f / (4.84252548f - z) - 1.49012911f * z);
-    const uint32_t bits = static_cast<uint32_t>(static_cast<int32_t>(v));
-    float out;
-    std::memcpy(&out, &bits, 4);
-    return out;
-}
 
 namespace {
 
@@ -309,22 +294,23 @@ SegmentList::~SegmentList() {
 }
 
 VolumeSegment* SegmentList::allocate() {
-    VolumeSegment* s = nullptr;
     if (mUsed < INLINE_SEGMENTS) {
-        s = &mInline[mUsed];
-    } else {
-        const int block = mUsed / INLINE_SEGMENTS - 1;
-        if (block >= mBlockCount) {
-            auto** grown = static_cast<VolumeSegment**>(
-                std::realloc(mBlocks, sizeof(VolumeSegment*) * static_cast<size_t>(block + 1)));
-            if (!grown) return nullptr;
-            mBlocks = grown;
-            mBlocks[block] = new (std::nothrow) VolumeSegment[INLINE_SEGMENTS];
-            if (!mBlocks[block]) return nullptr;
-            mBlockCount = block + 1;
-        }
-        s = &mBlocks[block][mUsed % INLINE_SEGMENTS];
+        void* room = mInline + sizeof(VolumeSegment) * static_cast<size_t>(mUsed);
+        ++mUsed;
+        return new (room) VolumeSegment;
     }
+    // Beyond the inline ones, blocks of the same size on the heap.
+    const int block = mUsed / INLINE_SEGMENTS - 1;
+    if (block >= mBlockCount) {
+        auto** grown = static_cast<VolumeSegment**>(
+            std::realloc(mBlocks, sizeof(VolumeSegment*) * static_cast<size_t>(block + 1)));
+        if (!grown) return nullptr;
+        mBlocks = grown;
+        mBlocks[block] = new (std::nothrow) VolumeSegment[INLINE_SEGMENTS];
+        if (!mBlocks[block]) return nullptr;
+        mBlockCount = block + 1;
+    }
+    VolumeSegment* s = &mBlocks[block][mUsed % INLINE_SEGMENTS];
     ++mUsed;
     *s = VolumeSegment{};
     return s;
@@ -349,6 +335,9 @@ void VolumeShader::EvalVelocity(float out[3], const float*) const { zero3(out); 
 void VolumeShader::freeFrameData() {
     delete[] lightCache;
     lightCache = nullptr;
+    delete[] emptyBlocks;
+    emptyBlocks = nullptr;
+    blockCount[0] = blockCount[1] = blockCount[2] = 0;
     mLightCacheCells = 0;
     transparencyMap = nullptr;
     selfIllumMap = nullptr;
@@ -542,6 +531,92 @@ void VolumeShader::SetupShader(const VaporixParams& params,
     volumeZDepth = getInt("volzdepth");
     renderFlags = setup.renderFlags;
     giMultiplier = setup.giMultiplier;
+
+    buildEmptyBlocks();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Empty blocks
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr int BLOCK_SHIFT = VolumeShader::EMPTY_BLOCK_SHIFT;
+constexpr int BLOCK_EDGE = 1 << BLOCK_SHIFT;
+
+/// True when every value of a channel is exactly 0 over cells [lo, hi] (inclusive, clamped).
+bool allZero(const float* ch, const int n[3], const int lo[3], const int hi[3]) {
+    if (!ch) return true;
+    int a[3], b[3];
+    for (int k = 0; k < 3; ++k) {
+        a[k] = std::max(lo[k], 0);
+        b[k] = std::min(hi[k], n[k] - 1);
+    }
+    for (int z = a[2]; z <= b[2]; ++z)
+        for (int y = a[1]; y <= b[1]; ++y) {
+            const float* row = ch + (static_cast<int64_t>(z) * n[1] + y) * n[0];
+            for (int x = a[0]; x <= b[0]; ++x)
+                if (row[x] != 0.0f) return false;
+        }
+    return true;
+}
+
+}  // namespace
+
+void VolumeShader::buildEmptyBlocks() {
+    delete[] emptyBlocks;
+    emptyBlocks = nullptr;
+    blockCount[0] = blockCount[1] = blockCount[2] = 0;
+    if (!(flags & volumeReady) || gridSize[0] <= 0 || gridSize[1] <= 0 || gridSize[2] <= 0) return;
+    // The test reads raw channel values: it holds only where a zero value is certain to give a
+    // step that shows nothing, and where samples read the grid's own cells.
+    if (wrapMask || transparencyMap ||
+        (flags & (opacityFromTexture | modulateOpacity | emissionFromTexture | modulateEmission |
+                  hasDisplacement | motionBlurTM | surfaceFromTexture)))
+        return;
+    const float zeroArgument = remapOffset[2];
+    const bool zeroIsClear =
+        opacityTable ? opacityTable[tableRow(zeroArgument)] == 0.0f : zeroArgument == 0.0f;
+    if (!zeroIsClear) return;
+    // Fire that shows without smoke must be dark too where the emission channel is 0.
+    const bool fireCounts = (flags & hasEmission) && fireOpacityMode != 0;
+    if (fireCounts) {
+        const float e = remapOffset[0];
+        if (fireOpacityMode == 1) {
+            if (!emissionColorTable) return;
+            const TableColor& c = emissionColorTable[tableRow(e)];
+            if (c.r > 0.0f || c.g > 0.0f || c.b > 0.0f) return;
+        } else if (emissionPowerTable && emissionPowerTable[tableRow(e)] < -0.001f) {
+            return;
+        }
+    }
+
+    for (int a = 0; a < 3; ++a) blockCount[a] = (gridSize[a] + BLOCK_EDGE - 1) >> BLOCK_SHIFT;
+    const int64_t blocks = int64_t(blockCount[0]) * blockCount[1] * blockCount[2];
+    emptyBlocks = new (std::nothrow) uint8_t[static_cast<size_t>(blocks)];
+    if (!emptyBlocks) {
+        blockCount[0] = blockCount[1] = blockCount[2] = 0;
+        return;
+    }
+    const float* opacityChannel = channel[2];
+    const float* emissionChannel = fireCounts ? channel[0] : nullptr;
+    // A sample in a block reads cells from one before it to two after it (any sampler).
+    parallelFor(static_cast<uint64_t>(blocks), [&](uint64_t first, uint64_t last, Job&) {
+        for (uint64_t b = first; b < last; ++b) {
+            const uint64_t nx = uint64_t(blockCount[0]), ny = uint64_t(blockCount[1]);
+            const int bx = static_cast<int>(b % nx);
+            const int by = static_cast<int>((b / nx) % ny);
+            const int bz = static_cast<int>(b / (nx * ny));
+            const int lo[3] = {(bx << BLOCK_SHIFT) - 1, (by << BLOCK_SHIFT) - 1,
+                               (bz << BLOCK_SHIFT) - 1};
+            const int hi[3] = {lo[0] + BLOCK_EDGE + 2, lo[1] + BLOCK_EDGE + 2,
+                               lo[2] + BLOCK_EDGE + 2};
+            emptyBlocks[b] = allZero(opacityChannel, gridSize, lo, hi) &&
+                                     allZero(emissionChannel, gridSize, lo, hi)
+                                 ? 1
+                                 : 0;
+        }
+    });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -621,7 +696,7 @@ float VolumeShader::opacityOf(const VolumeSample& s, float stepWorld, float alph
         a = stepOpacity(k, stepWorld);
     } else {
         a = s.opacity == 0.0f ? 0.0f
-                              : 1.0f - FastPow2(s.opacity * LOG2_E * smokeExtinction * stepWorld);
+                              : 1.0f - FastPow2(s.opacity * (LOG2_E * smokeExtinction * stepWorld));
     }
     set3(alpha, a, a, a);
     return 0.0f;
@@ -728,39 +803,123 @@ bool VolumeShader::BuildSegments(SegmentList& list,
 // Stepping
 // ---------------------------------------------------------------------------------------------
 
-int VolumeShader::NextStep(VolumeSegment& seg, Illuminator& illum, SegmentList& list) const {
-    // Lights are asked in the grid space of the segment's own shader.
-    if (illum.currentShader != this) illum.SetShader(this);
+bool VolumeShader::startSegment(VolumeSegment& seg, Illuminator& illum) const {
+    seg.started = true;
     // Step length: the shading or shadow step in cells along the ray's dominant axis.
     const float m =
         std::max(std::fabs(seg.dir[0]), std::max(std::fabs(seg.dir[1]), std::fabs(seg.dir[2])));
     const bool shaded = (seg.state & SEG_SHADED) != 0;
-    const bool probSeg = (seg.state & SEG_PROBABILISTIC) != 0;
     const float step = (seg.dirLength / m) * (shaded ? stepShade : stepShadow);
-    const float stepWorld = seg.worldPerUnit * step;
-    const double stepT = static_cast<double>(step * seg.invDirLength);
-    if (!(stepT > 0.0) || !std::isfinite(stepT)) {
+    seg.stepLength = seg.worldPerUnit * step;
+    seg.stepT = static_cast<double>(step * seg.invDirLength);
+    if (!(seg.stepT > 0.0) || !std::isfinite(seg.stepT)) {
         seg.state |= SEG_LAST_STEP;
+        return false;
+    }
+
+    // The probabilistic test of this segment.
+    seg.prob = false;
+    if (flags & probabilisticPrimary)
+        seg.prob = shaded || !(flags & lightCacheOn);
+    else if (flags & probabilisticBounces)
+        seg.prob = (illum.mode & (IM_GI | IM_CAUSTIC)) != 0;
+
+    // What each sample needs, and which sampler.
+    uint32_t mask = 0;
+    if (seg.state & SEG_PROBABILISTIC)
+        mask = (fireOpacityMode != 0 && (flags & hasEmission)) ? uint32_t(SAMPLE_EMISSION) : 0u;
+    else if (shaded)
+        mask = shadeChannelMask;
+    if (!(flags & opacityFromTexture) &&
+        ((flags & hasDiffuse) || ((flags & hasEmission) && fireOpacityMode == 0)))
+        mask |= SAMPLE_OPACITY;
+    int kind = sampler;
+    if (illum.mode & (IM_GI | IM_CAUSTIC))
+        kind = 0;
+    else if (illum.mode & IM_SHADOW)
+        kind = std::min(sampler, 1);
+    seg.sampleMask = mask;
+    seg.samplerKind = static_cast<int8_t>(kind < 0 || kind > 2 ? 1 : kind);
+    seg.fastLinear = seg.samplerKind == 1 && wrapMask == 0 && (flags & volumeReady) &&
+                     !(flags & (hasDisplacement | motionBlurTM | surfaceFromTexture)) &&
+                     !(mask & (SAMPLE_RGB | SAMPLE_RAW)) && gridSize[0] > 0 && gridSize[1] > 0 &&
+                     gridSize[2] > 0;
+
+    if (flags & jitter) illum.jitterValue = illum.Random();
+    if (seg.prob) {
+        seg.xi = illum.Random();
+        set3(seg.transmit, 1.0f, 1.0f, 1.0f);
+    }
+    return true;
+}
+
+namespace {
+
+/// Trilinear read of the arguments of `mask` (emission, diffuse, opacity, surface), remapped:
+/// the common sample of the marcher, without the sampler table.
+[[gnu::always_inline]] inline void sampleLinear(const VolumeShader& sh,
+                                                const float p[3],
+                                                uint32_t mask,
+                                                VolumeSample& s) {
+    const int* n = sh.gridSize;
+    const float fx = std::floor(p[0]), fy = std::floor(p[1]), fz = std::floor(p[2]);
+    const int ix = static_cast<int>(fx), iy = static_cast<int>(fy), iz = static_cast<int>(fz);
+    float v[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+    if (ix >= 0 && iy >= 0 && iz >= 0 && ix + 1 < n[0] && iy + 1 < n[1] && iz + 1 < n[2]) {
+        const float tx = p[0] - fx, ty = p[1] - fy, tz = p[2] - fz;
+        const int64_t sy = n[0], sz = static_cast<int64_t>(n[0]) * n[1];
+        const int64_t base = ix + sy * iy + sz * iz;
+        for (int k = 0; k < 4; ++k) {
+            if (!(mask & (1u << k)) || !sh.channel[k]) continue;
+            const float* c = sh.channel[k] + base;
+            const float c00 = c[0] + (c[1] - c[0]) * tx;
+            const float c10 = c[sy] + (c[sy + 1] - c[sy]) * tx;
+            const float c01 = c[sz] + (c[sz + 1] - c[sz]) * tx;
+            const float c11 = c[sz + sy] + (c[sz + sy + 1] - c[sz + sy]) * tx;
+            const float c0 = c00 + (c10 - c00) * ty;
+            const float c1 = c01 + (c11 - c01) * ty;
+            v[k] = c0 + (c1 - c0) * tz;
+        }
+    } else {
+        AxisTaps t[3];
+        linearTaps<false>(p[0], n[0], t[0]);
+        linearTaps<false>(p[1], n[1], t[1]);
+        linearTaps<false>(p[2], n[2], t[2]);
+        float g[7];
+        gatherTaps(sh, t, mask & 0xfu, g);
+        for (int k = 0; k < 4; ++k)
+            if (mask & (1u << k)) v[k] = g[k];
+    }
+    s.emission = (mask & SAMPLE_EMISSION) ? v[0] * sh.remapScale[0] + sh.remapOffset[0] : 0.0f;
+    s.diffuse = (mask & SAMPLE_DIFFUSE) ? v[1] * sh.remapScale[1] + sh.remapOffset[1] : 0.0f;
+    s.opacity = (mask & SAMPLE_OPACITY) ? v[2] * sh.remapScale[2] + sh.remapOffset[2] : 0.0f;
+    s.surface = (mask & SAMPLE_SURFACE) ? v[3] * sh.remapScale[3] + sh.remapOffset[3] : 0.0f;
+    s.position[0] = p[0];
+    s.position[1] = p[1];
+    s.position[2] = p[2];
+}
+
+}  // namespace
+
+int VolumeShader::NextStep(VolumeSegment& seg, Illuminator& illum, SegmentList& list) const {
+    // Lights are asked in the grid space of the segment's own shader.
+    if (illum.currentShader != this) illum.SetShader(this);
+    if (!seg.started && !startSegment(seg, illum)) {
         zero3(seg.color);
         zero3(seg.alpha);
         return 0;
     }
-
-    // The probabilistic test of this call.
-    bool prob = false;
-    if (flags & probabilisticPrimary)
-        prob = shaded || !(flags & lightCacheOn);
-    else if (flags & probabilisticBounces)
-        prob = (illum.mode & (IM_GI | IM_CAUSTIC)) != 0;
-
-    if (!seg.started) {
-        seg.started = true;
-        if (flags & jitter) illum.jitterValue = illum.Random();
-        if (prob) {
-            seg.xi = illum.Random();
-            set3(seg.transmit, 1.0f, 1.0f, 1.0f);
-        }
-    }
+    const bool shaded = (seg.state & SEG_SHADED) != 0;
+    const bool probSeg = (seg.state & SEG_PROBABILISTIC) != 0;
+    const bool prob = seg.prob;
+    const float stepWorld = seg.stepLength;
+    const double stepT = seg.stepT;
+    const float jitterShift =
+        (flags & jitter) ? illum.jitterValue * static_cast<float>(stepT) : 0.0f;
+    const float skipLimit = skipOpacity * stepWorld;
+    const float alphaScale = shaded ? 1.0f : shadowStrength;
+    // The simple smoke's extinction over one step, in powers of two per unit of argument.
+    const float extinction = LOG2_E * smokeExtinction * stepWorld;
 
     auto endSegment = [&]() {
         if (!(flags & pureVolumetric)) {
@@ -789,8 +948,7 @@ int VolumeShader::NextStep(VolumeSegment& seg, Illuminator& illum, SegmentList& 
             seg.state |= SEG_LAST_STEP;
             seg.t = seg.tEnd;
         }
-        float p = static_cast<float>(newT);
-        if (flags & jitter) p -= illum.jitterValue * static_cast<float>(stepT);
+        const float p = static_cast<float>(newT) - jitterShift;
         if (static_cast<double>(p) > seg.tEnd) return endSegment();
 
         float pos[3];
@@ -812,42 +970,43 @@ int VolumeShader::NextStep(VolumeSegment& seg, Illuminator& illum, SegmentList& 
                 emptyStep = (transparencyMap[i >> 5] >> (i & 31)) & 1;
             }
         }
+        if (!emptyStep && emptyBlocks && !prob && !probSeg) emptyStep = inEmptyBlock(pos);
 
         if (!emptyStep) {
-            // What the sample needs, and which sampler.
-            uint32_t mask = 0;
-            if (probSeg)
-                mask = (fireOpacityMode != 0 && (flags & hasEmission)) ? uint32_t(SAMPLE_EMISSION)
-                                                                       : 0u;
-            else if (shaded)
-                mask = shadeChannelMask;
-            if (!(flags & opacityFromTexture) &&
-                ((flags & hasDiffuse) || ((flags & hasEmission) && fireOpacityMode == 0)))
-                mask |= SAMPLE_OPACITY;
-            int kind = sampler;
-            if (illum.mode & (IM_GI | IM_CAUSTIC))
-                kind = 0;
-            else if (illum.mode & IM_SHADOW)
-                kind = std::min(sampler, 1);
-
             VolumeSample s;
-            sample(s, pos, mask, kind, seg.time);
+            if (seg.fastLinear)
+                sampleLinear(*this, pos, seg.sampleMask, s);
+            else
+                sample(s, pos, seg.sampleMask, seg.samplerKind, seg.time);
             ++illum.samplesTaken;
+
+            // Opacity of the step: texture, table of extinction, or the simple smoke.
             float alpha[3];
-            opacityOf(s, stepWorld, alpha);
+            if (flags & opacityFromTexture) {
+                opacityOf(s, stepWorld, alpha);
+            } else {
+                float a;
+                if (opacityTable) {
+                    const float k = opacityTable[tableRow(s.opacity)];
+                    a = k == 0.0f ? 0.0f : 1.0f - FastPow2(k * stepWorld * LOG2_E);
+                } else {
+                    a = s.opacity == 0.0f ? 0.0f : 1.0f - FastPow2(s.opacity * extinction);
+                }
+                set3(alpha, a, a, a);
+            }
             if (flags & modulateOpacity) {
                 float tex[3];
                 EvalTexture(tex, 2, s.rgb, s.position);
                 for (int c = 0; c < 3; ++c) alpha[c] *= tex[c];
             }
             if (!shaded)
-                for (int c = 0; c < 3; ++c) alpha[c] *= shadowStrength;
+                for (int c = 0; c < 3; ++c) alpha[c] *= alphaScale;
 
             // Skip test: a step that is too thin is empty, unless fully visible fire shows.
             bool emissionOnly = false;
             bool alive = true;
             if (!(fireOwn && shaded)) {
-                if (!(max3(alpha) > skipOpacity * stepWorld)) {
+                if (!(max3(alpha) > skipLimit)) {
                     zero3(alpha);
                     if (shaded) zero3(seg.color);
                     if (fireVisible)
@@ -855,6 +1014,16 @@ int VolumeShader::NextStep(VolumeSegment& seg, Illuminator& illum, SegmentList& 
                     else
                         alive = false;
                 }
+            }
+
+            // A plain shadow step: nothing else to decide.
+            if (alive && !shaded && !prob && !emissionOnly && !(softBorder > 0.5f)) {
+                for (int c = 0; c < 3; ++c) alpha[c] = std::min(alpha[c], 1.0f);
+                std::memcpy(seg.position, s.position, sizeof seg.position);
+                seg.stepWorld = stepWorld;
+                seg.invAlpha = alpha[0] > 0.0f ? 1.0f / alpha[0] : 0.0f;
+                std::memcpy(seg.alpha, alpha, sizeof seg.alpha);
+                return 1;
             }
 
             if (alive) {
@@ -1420,6 +1589,95 @@ void VolumeShader::ShadeProbabilistic(
     }
 }
 
+template <typename F>
+void VolumeShader::marchShadow(VolumeSegment& seg,
+                               Illuminator& illum,
+                               SegmentList& list,
+                               F&& onStep) const {
+    if (illum.currentShader != this) illum.SetShader(this);
+    if (!seg.started && !startSegment(seg, illum)) return;
+    // Anything beyond a plain opacity step takes the general road.
+    const bool plain = !(seg.state & SEG_SHADED) && !seg.prob && seg.fastLinear &&
+                       seg.sampleMask == SAMPLE_OPACITY && !transparencyMap &&
+                       !(softBorder > 0.5f) &&
+                       !(flags & (opacityFromTexture | modulateOpacity | heatHaze));
+    if (!plain) {
+        while (NextStep(seg, illum, list))
+            if (onStep(seg.alpha)) return;
+        return;
+    }
+    // The same steps as NextStep takes for such a segment, without a call per step.
+    const double stepT = seg.stepT;
+    const float stepWorld = seg.stepLength;
+    const float jitterShift =
+        (flags & jitter) ? illum.jitterValue * static_cast<float>(stepT) : 0.0f;
+    const float skipLimit = skipOpacity * stepWorld;
+    const float extinction = LOG2_E * smokeExtinction * stepWorld;
+    const float* const opacityChannel = channel[2];
+    const int* n = gridSize;
+    const int64_t sy = n[0], sz = static_cast<int64_t>(n[0]) * n[1];
+    const float o[3] = {static_cast<float>(seg.origin[0]), static_cast<float>(seg.origin[1]),
+                        static_cast<float>(seg.origin[2])};
+    uint64_t samples = 0;
+    for (;;) {
+        const double newT = seg.t + stepT;
+        if (!(newT > seg.t)) {
+            seg.state |= SEG_LAST_STEP;
+            break;
+        }
+        if (newT <= seg.tEnd) {
+            seg.t = newT;
+        } else if (seg.state & SEG_LAST_STEP) {
+            seg.t = newT;
+            break;
+        } else {
+            seg.state |= SEG_LAST_STEP;
+            seg.t = seg.tEnd;
+        }
+        const float p = static_cast<float>(newT) - jitterShift;
+        if (static_cast<double>(p) > seg.tEnd) break;
+        const float pos[3] = {o[0] + seg.dir[0] * p, o[1] + seg.dir[1] * p, o[2] + seg.dir[2] * p};
+        if (emptyBlocks && inEmptyBlock(pos)) continue;
+
+        // Trilinear read of the opacity argument.
+        float arg = remapOffset[2];
+        if (opacityChannel) {
+            const float fx = std::floor(pos[0]), fy = std::floor(pos[1]), fz = std::floor(pos[2]);
+            const int ix = static_cast<int>(fx), iy = static_cast<int>(fy),
+                      iz = static_cast<int>(fz);
+            if (ix >= 0 && iy >= 0 && iz >= 0 && ix + 1 < n[0] && iy + 1 < n[1] && iz + 1 < n[2]) {
+                const float tx = pos[0] - fx, ty = pos[1] - fy, tz = pos[2] - fz;
+                const float* c = opacityChannel + (ix + sy * iy + sz * iz);
+                const float c00 = c[0] + (c[1] - c[0]) * tx;
+                const float c10 = c[sy] + (c[sy + 1] - c[sy]) * tx;
+                const float c01 = c[sz] + (c[sz + 1] - c[sz]) * tx;
+                const float c11 = c[sz + sy] + (c[sz + sy + 1] - c[sz + sy]) * tx;
+                const float c0 = c00 + (c10 - c00) * ty;
+                const float c1 = c01 + (c11 - c01) * ty;
+                arg = (c0 + (c1 - c0) * tz) * remapScale[2] + remapOffset[2];
+            } else {
+                VolumeSample s;
+                sampleLinear(*this, pos, SAMPLE_OPACITY, s);
+                arg = s.opacity;
+            }
+        }
+        ++samples;
+        float a;
+        if (opacityTable) {
+            const float k = opacityTable[tableRow(arg)];
+            a = k == 0.0f ? 0.0f : 1.0f - FastPow2(k * stepWorld * LOG2_E);
+        } else {
+            a = arg == 0.0f ? 0.0f : 1.0f - FastPow2(arg * extinction);
+        }
+        a *= shadowStrength;
+        if (!(a > skipLimit)) continue;
+        a = std::min(a, 1.0f);
+        set3(seg.alpha, a, a, a);
+        if (onStep(seg.alpha)) break;
+    }
+    illum.samplesTaken += samples;
+}
+
 void VolumeShader::Shadow(SegmentList& list, float opacity[3], Illuminator& illum, int ownLight) {
     illum.mode |= IM_SHADOW;
     float T[3], E[3] = {0, 0, 0}, Q[3] = {0, 0, 0};
@@ -1445,18 +1703,21 @@ void VolumeShader::Shadow(SegmentList& list, float opacity[3], Illuminator& illu
             }
             float e[3] = {0, 0, 0};
             int steps = 0;
-            while (sh.NextStep(*seg, illum, list)) {
+            bool dark = false;
+            sh.marchShadow(*seg, illum, list, [&](const float alpha[3]) {
                 if (++steps > MAX_SHADOW_STEPS) {
                     lumoLog("#::Shade - alpha cycle! pt:%f %f t:%f\n",
                             double(illum.imagePosition[0]), double(illum.imagePosition[1]), seg->t);
-                    break;
+                    return true;
                 }
-                for (int c = 0; c < 3; ++c) e[c] += seg->alpha[c] * s;
-                if (std::min(e[0] - limit[0] * w,
-                             std::min(e[1] - limit[1] * w, e[2] - limit[2] * w)) > 0.0f) {
-                    set3(opacity, 1.0f, 1.0f, 1.0f);
-                    return;
-                }
+                for (int c = 0; c < 3; ++c) e[c] += alpha[c] * s;
+                dark = std::min(e[0] - limit[0] * w,
+                                std::min(e[1] - limit[1] * w, e[2] - limit[2] * w)) > 0.0f;
+                return dark;
+            });
+            if (dark) {
+                set3(opacity, 1.0f, 1.0f, 1.0f);
+                return;
             }
             for (int c = 0; c < 3; ++c) {
                 E[c] += e[c] / w;
@@ -1465,12 +1726,15 @@ void VolumeShader::Shadow(SegmentList& list, float opacity[3], Illuminator& illu
         } else {
             // Plain road: the product of the steps' transparencies.
             float t[3] = {1.0f, 1.0f, 1.0f};
-            while (sh.NextStep(*seg, illum, list)) {
-                for (int c = 0; c < 3; ++c) t[c] *= 1.0f - seg->alpha[c] * s;
-                if (max3(t) < sh.stopTransparency) {
-                    set3(opacity, 1.0f, 1.0f, 1.0f);
-                    return;
-                }
+            bool dark = false;
+            sh.marchShadow(*seg, illum, list, [&](const float alpha[3]) {
+                for (int c = 0; c < 3; ++c) t[c] *= 1.0f - alpha[c] * s;
+                dark = max3(t) < sh.stopTransparency;
+                return dark;
+            });
+            if (dark) {
+                set3(opacity, 1.0f, 1.0f, 1.0f);
+                return;
             }
             for (int c = 0; c < 3; ++c) T[c] *= t[c];
         }

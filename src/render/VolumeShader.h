@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
+#include <new>
 
 #include "cache/GridTransform.h"
 #include "render/ShadingTables.h"
@@ -17,8 +19,22 @@ struct VolumeSegment;
 struct SegmentList;
 
 /// 2^p, approximated: the only exponent of the marcher. Relative error under about 1e-4 for
-/// p in [-126, 128); p is limited to that range.
-float FastPow2(float p);
+/// p in [-126, 128); p is limited to that range. A rational fit of 2^fraction put together with
+/// the integer part in the float's bits; inline because every marching step calls it.
+inline float FastPow2(float p) {
+    // The upper limit only keeps the integer conversion defined; extinction never comes near.
+    if (p > 127.99f) p = 127.99f;
+    const float c = p < -126.0f ? -126.0f : p;
+    const int w = static_cast<int>(c);
+    const float off = p < 0.0f ? 1.0f : 0.0f;
+    const float z = c - static_cast<float>(w) + off;
+    const float v =
+        8388608.0f * (c + 121.27405548f + 27.72802353f / (4.84252548f - z) - 1.49012911f * z);
+    const uint32_t bits = static_cast<uint32_t>(static_cast<int32_t>(v));
+    float out;
+    std::memcpy(&out, &bits, 4);
+    return out;
+}
 
 /// ln 2 inverse: opacity of a step of world length L for extinction k (negative) is
 /// 1 - FastPow2(k * L * LOG2_E).
@@ -117,6 +133,14 @@ struct VolumeSegment {
     VolumeSegment* next = nullptr;
     float worldPerUnit = 0.0f;
     bool started = false;  ///< the first call of NextStep happened
+
+    // Fixed for the whole segment, worked out by its first step.
+    double stepT = 0.0;       ///< ray parameter of one step
+    float stepLength = 0.0f;  ///< world length of one step
+    uint32_t sampleMask = 0;  ///< arguments each step samples
+    int8_t samplerKind = 1;   ///< 0 Box, 1 Linear, 2 Spherical
+    bool prob = false;        ///< the probabilistic test is on
+    bool fastLinear = false;  ///< plain trilinear reads of channels (no wrap, no offsets)
 };
 
 /// The door of the marcher to lights, random numbers and render elements. One per ray (or per
@@ -195,7 +219,9 @@ struct SegmentList {
     VolumeSegment* allocate();
 
 private:
-    VolumeSegment mInline[INLINE_SEGMENTS];
+    // Raw room for the inline segments: a segment is made when it is handed out, so a ray that
+    // crosses one grid pays for one segment, not sixteen.
+    alignas(VolumeSegment) unsigned char mInline[INLINE_SEGMENTS * sizeof(VolumeSegment)];
     VolumeSegment** mBlocks = nullptr;  ///< heap blocks of INLINE_SEGMENTS segments each
     int mBlockCount = 0;
     int mUsed = 0;
@@ -440,12 +466,39 @@ public:
     const uint32_t* transparencyMap = nullptr;
     /// One RGB entry per cell; red -1 means not yet computed. Null when off.
     float* lightCache = nullptr;
+    /// Blocks of 8x8x8 cells whose samples are certain to be empty (no opacity, no emission):
+    /// one byte a block, 1 when empty; null when the set-up does not allow the test.
+    uint8_t* emptyBlocks = nullptr;
+    int blockCount[3] = {0, 0, 0};
+    /// Cells per block edge, as a shift.
+    static constexpr int EMPTY_BLOCK_SHIFT = 3;
     /// Self-illumination map and its reduction (null when none).
     const float* selfIllumMap = nullptr;
     int reducedSize[3] = {0, 0, 0};
     float reducedScale = 1.0f;
 
 private:
+    /// Works out a segment's fixed step values at its first step. @return false when its step
+    /// cannot move the ray on.
+    bool startSegment(VolumeSegment& seg, Illuminator& illum) const;
+    /// The steps of an unshaded segment, each handed to `onStep(alpha)` until it returns true
+    /// or the segment ends.
+    template <typename F>
+    void marchShadow(VolumeSegment& seg, Illuminator& illum, SegmentList& list, F&& onStep) const;
+    /// Finds the blocks of cells that no sample can see (see `emptyBlocks`).
+    void buildEmptyBlocks();
+    /// True when the block around a grid position is empty. Positions lie inside the box, give
+    /// or take a rounding; they are clamped to the blocks.
+    bool inEmptyBlock(const float pos[3]) const {
+        int b[3];
+        for (int a = 0; a < 3; ++a) {
+            const int i = static_cast<int>(pos[a]) >> EMPTY_BLOCK_SHIFT;
+            b[a] = i < 0 ? 0 : (i >= blockCount[a] ? blockCount[a] - 1 : i);
+        }
+        return emptyBlocks[b[0] +
+                           int64_t(blockCount[0]) * (b[1] + int64_t(blockCount[1]) * b[2])] != 0;
+    }
+
     void freeFrameData();
     float opacityOf(const VolumeSample& s, float stepWorld, float alpha[3]) const;
     void fullShade(VolumeSegment& segment,
