@@ -648,3 +648,126 @@ TEST(VolumeShader, GammaRaisesColourOverTransparency) {
 
 }  // namespace
 }  // namespace vaporix
+
+namespace vaporix {
+namespace {
+
+/// Light from one direction, shadowed by the volumes: a shadow ray per lit point.
+class ShadowingIlluminator : public Illuminator {
+public:
+    const VolumeShader* const* shaders = nullptr;
+    int count = 0;
+    void Illuminate(
+        float out[3], const float p[3], const float diffuse[3], float*, float*) override {
+        float w[3];
+        currentShader->gridToWorld(p, w, 0.0f);
+        const double from[3] = {w[0], w[1], w[2]};
+        const double to[3] = {w[0] - 40.0, w[1] + 10.0, w[2] + 60.0};
+        ConstantIlluminator shadow;
+        shadow.seed = seed;
+        float colour[3] = {0, 0, 0}, t[3] = {1, 1, 1};
+        VolumeShader::TraceVolumes(from, to, colour, t, shadow, 0.0f, shaders, count, false);
+        for (int c = 0; c < 3; ++c) out[c] = 3.0f * t[c] * diffuse[c];
+    }
+};
+
+/// A frame with a smoke ball and a hot core, empty around them.
+struct BallFrame {
+    VaporixFrameData frame;
+    MemoryParamStorage storage;
+    VaporixParamsMax params{storage};
+    ShadingTables tables;
+
+    explicit BallFrame(int fireMode) {
+        const int n[3] = {40, 32, 48};
+        const float size[3] = {40, 32, 48};
+        EXPECT_TRUE(frame.initEmpty(size, 1.0f, false));
+        std::vector<float> smoke(size_t(n[0]) * n[1] * n[2]), temp(smoke.size());
+        for (int z = 0; z < n[2]; ++z)
+            for (int y = 0; y < n[1]; ++y)
+                for (int x = 0; x < n[0]; ++x) {
+                    const float d = std::sqrt(
+                        float((x - 20) * (x - 20) + (y - 16) * (y - 16) + (z - 20) * (z - 20)));
+                    const size_t i = size_t(x + n[0] * (y + n[1] * z));
+                    smoke[i] = d < 9.0f ? 0.8f * (1.0f - d / 9.0f) : 0.0f;
+                    temp[i] = d < 5.0f ? 2200.0f * (1.0f - d / 5.0f) : 0.0f;
+                }
+        SGCompressor<3> codec;
+        EXPECT_TRUE(codec.encodeRaw(smoke.data(), int64_t(smoke.size())));
+        EXPECT_TRUE(
+            frame.appendStreamBlock(CH_SMOKE, codec.output.data, uint64_t(codec.output.count)));
+        EXPECT_TRUE(codec.encodeRaw(temp.data(), int64_t(temp.size())));
+        EXPECT_TRUE(frame.appendStreamBlock(CH_TEMPERATURE, codec.output.data,
+                                            uint64_t(codec.output.count)));
+        ResetEmission(params, -1);
+        ResetDiffuse(params, -1);
+        ResetOpacity(params, -1);
+        params.setInt("fire_opacity_mode", 0.0, fireMode);
+        params.setInt("lightcache", 0.0, 0);
+        struct Ranges : IChannelRangeSource {
+            VaporixFrameData* f;
+            bool getChannelRange(int c, float& lo, float& hi) override {
+                return f->getChannelRange(c, lo, hi);
+            }
+        } ranges;
+        ranges.f = &frame;
+        tables.setRanges(params, 0.0, &ranges);
+        tables.buildFrameTables(params, 0.0, ShadingInputs{});
+    }
+};
+
+/// Colour and transparency of a fan of camera rays.
+std::vector<float> renderFan(const VolumeShader& shader) {
+    const VolumeShader* list[1] = {&shader};
+    ShadowingIlluminator illum;
+    illum.shaders = list;
+    illum.count = 1;
+    illum.mode = IM_CAMERA;
+    std::vector<float> out;
+    for (int i = 0; i < 24; ++i)
+        for (int j = 0; j < 18; ++j) {
+            illum.seed = uint32_t(1 + i * 31 + j);
+            const double from[3] = {-60.0, -50.0, 25.0};
+            const double to[3] = {60.0, 40.0 - 3.0 * i, -10.0 + 4.0 * j};
+            float c[3] = {0, 0, 0}, t[3] = {1, 1, 1};
+            VolumeShader::TraceVolumes(from, to, c, t, illum, 0.0f, list, 1, true);
+            out.insert(out.end(), {c[0], c[1], c[2], t[0], t[1], t[2]});
+        }
+    return out;
+}
+
+TEST(VolumeShader, SkippingEmptyBlocksAndTheFastShadowMarchChangeNoPixel) {
+    for (int mode = 0; mode <= 2; ++mode) {
+        BallFrame ball(mode);
+        VolumeShader shader;
+        shader.SetupShader(ball.params, ball.tables, ball.frame, ShaderSetup{}, 0.0, false);
+        ASSERT_NE(shader.emptyBlocks, nullptr) << mode;
+        int empty = 0;
+        const int blocks = shader.blockCount[0] * shader.blockCount[1] * shader.blockCount[2];
+        for (int b = 0; b < blocks; ++b) empty += shader.emptyBlocks[b];
+        EXPECT_GT(empty, blocks / 3) << mode;
+        EXPECT_LT(empty, blocks) << mode;
+        const std::vector<float> withBlocks = renderFan(shader);
+
+        delete[] shader.emptyBlocks;
+        shader.emptyBlocks = nullptr;
+        const std::vector<float> without = renderFan(shader);
+        // An all-clear transparency map sends shadow rays down the general road.
+        std::vector<uint32_t> clearMap(size_t(40 * 32 * 48 / 32 + 1), 0u);
+        shader.transparencyMap = clearMap.data();
+        const std::vector<float> general = renderFan(shader);
+        shader.transparencyMap = nullptr;
+
+        ASSERT_EQ(withBlocks.size(), without.size());
+        float lit = 0.0f;
+        for (size_t i = 0; i < withBlocks.size(); ++i) {
+            EXPECT_EQ(withBlocks[i], without[i]) << "mode " << mode << " value " << i;
+            EXPECT_EQ(withBlocks[i], general[i]) << "mode " << mode << " value " << i;
+            if (i % 6 < 3) lit += withBlocks[i];
+        }
+        EXPECT_GT(lit, 0.0f) << mode;
+    }
+}
+
+}  // namespace
+}  // namespace vaporix
