@@ -204,135 +204,23 @@ Scene& benchScene() {
 // Our renderer, and a pass that counts its grid samples
 // ---------------------------------------------------------------------------------------------
 
-uint32_t floatBits(float f) {
-    uint32_t u;
-    std::memcpy(&u, &f, sizeof u);
-    return u;
-}
-
-/// A shadow ray's illuminator: lights nothing, counts the samples of its ray.
-class ShadowCounter : public Illuminator {
-public:
-    void Illuminate(float out[3], const float*, const float*, float*, float*) override {
-        out[0] = out[1] = out[2] = 0.0f;
-    }
-};
-
-/// The renderer's illuminator with the samples of its shadow rays counted too: the renderer
-/// traces those with a throw-away illuminator each, so this one traces them itself with a
-/// ShadowCounter, exactly as StandaloneIlluminator::lightAt does for directional lights (the
-/// counting pass checks that its image equals the renderer's). Camera-ray samples are counted
-/// in `samplesTaken`.
-class CountingIlluminator : public StandaloneIlluminator {
-public:
-    using StandaloneIlluminator::StandaloneIlluminator;
-    uint64_t shadowSamples = 0;
-
-    void Illuminate(
-        float out[3], const float position[3], const float diffuse[3], float*, float*) override {
-        out[0] = out[1] = out[2] = 0.0f;
-        if (!currentShader) return;
-        const LightingScene& s = scene();
-        float world[3];
-        currentShader->gridToWorld(position, world, s.time);
-        const double point[3] = {world[0], world[1], world[2]};
-        const uint32_t pointSeed =
-            hashSeed(floatBits(world[0]), floatBits(world[1]), floatBits(world[2]));
-        double toCentre = 0.0, halfDiagonal = 0.0;
-        for (int a = 0; a < 3; ++a) {
-            const double c = 0.5 * (s.box[a] + s.box[a + 3]), h = 0.5 * (s.box[a + 3] - s.box[a]);
-            toCentre += (point[a] - c) * (point[a] - c);
-            halfDiagonal += h * h;
-        }
-        const double farEnough = std::sqrt(toCentre) + std::sqrt(halfDiagonal) + 1.0;
-        float light[3] = {0.0f, 0.0f, 0.0f};
-        for (size_t i = 0; i < s.lights.size(); ++i) {
-            const Light& l = s.lights[i];
-            double target[3];
-            for (int a = 0; a < 3; ++a) target[a] = point[a] - l.direction[a] * farEnough;
-            ShadowCounter shadow;
-            shadow.seed = hashSeed(pointSeed, static_cast<uint32_t>(i), 0x5f3759dfu);
-            float t[3] = {1.0f, 1.0f, 1.0f}, color[3] = {0.0f, 0.0f, 0.0f};
-            VolumeShader::TraceVolumes(point, target, color, t, shadow, s.time, s.shaders,
-                                       s.shaderCount, false);
-            shadowSamples += shadow.samplesTaken;
-            for (int c = 0; c < 3; ++c)
-                light[c] += l.color[c] * l.intensity * std::clamp(t[c], 0.0f, 1.0f);
-        }
-        for (int c = 0; c < 3; ++c) out[c] = light[c] * diffuse[c];
-    }
-};
-
 struct OurCount {
-    uint64_t primary = 0;
-    uint64_t shadow = 0;
+    RenderStats stats;
     uint64_t lightCacheFills = 0;
-    /// Largest difference between the counting pass's image and the renderer's.
-    float maxDifference = -1.0f;
-    uint64_t total() const { return primary + shadow; }
+    uint64_t total() const { return stats.samples(); }
+    uint64_t steps() const { return stats.steps(); }
 };
 
-/// Renders the scene once through renderImage (one thread) and once through the counting
-/// illuminator, pixel by pixel as the renderer's tiles do, each with an empty light cache.
+/// Renders the scene once (one thread, empty light cache) and keeps what the renderer counted:
+/// step positions and grid samples, on camera and on shadow rays.
 OurCount countOurSamples(Image& rendered) {
     Scene& sc = benchScene();
     OurCount count;
     RenderSettings settings = sc.settings;
     settings.threads = 1;
     sc.resetLightCache();
-    if (renderImage(settings, sc.objects, rendered) != RENDER_OK) return count;
-
-    sc.resetLightCache();
-    Camera camera = settings.camera;
-    camera.prepare(settings.width, settings.height);
-    float box[6];
-    sceneBox(sc.objects, box);
-    const VolumeShader* shaders[1] = {&sc.shader()};
-    LightingScene lighting;
-    lighting.lights = settings.lights;
-    lighting.shaders = shaders;
-    lighting.shaderCount = 1;
-    lighting.time = settings.time;
-    for (int a = 0; a < 6; ++a) lighting.box[a] = box[a];
-    double farDistance = 1.0;
-    for (int k = 0; k < 8; ++k) {
-        const double corner[3] = {(k & 1) ? box[3] : box[0], (k & 2) ? box[4] : box[1],
-                                  (k & 4) ? box[5] : box[2]};
-        double d2 = 0.0;
-        for (int a = 0; a < 3; ++a)
-            d2 += (corner[a] - camera.position[a]) * (corner[a] - camera.position[a]);
-        farDistance = std::max(farDistance, std::sqrt(d2) * 1.01 + 1.0);
-    }
-
-    CountingIlluminator illuminator(lighting);
-    float maxDifference = 0.0f;
-    for (int y = 0; y < settings.height; ++y)
-        for (int x = 0; x < settings.width; ++x) {
-            illuminator.seed =
-                hashSeed(static_cast<uint32_t>(x), static_cast<uint32_t>(y), settings.frameSeed);
-            illuminator.mode = IM_CAMERA;
-            illuminator.elements = 0;
-            illuminator.jitterValue = 0.0f;
-            illuminator.sampleCount = 0;
-            illuminator.currentShader = nullptr;
-            for (float& t : illuminator.transparency) t = 1.0f;
-            illuminator.imagePosition[0] = static_cast<float>(x) + 0.5f;
-            illuminator.imagePosition[1] = static_cast<float>(y) + 0.5f;
-            double dir[3];
-            camera.rayDirection(x + 0.5, y + 0.5, dir);
-            const double* from = camera.position;
-            const double to[3] = {from[0] + dir[0] * farDistance, from[1] + dir[1] * farDistance,
-                                  from[2] + dir[2] * farDistance};
-            float volume[3] = {0.0f, 0.0f, 0.0f}, trans[3] = {1.0f, 1.0f, 1.0f};
-            VolumeShader::TraceVolumes(from, to, volume, trans, illuminator, settings.time, shaders,
-                                       1, true, 1.0f, 0);
-            const float* theirs = &rendered.volume[3 * (static_cast<size_t>(y) * WIDTH + x)];
-            for (int c = 0; c < 3; ++c)
-                maxDifference = std::max(maxDifference, std::fabs(theirs[c] - volume[c]));
-        }
-    count.primary = illuminator.samplesTaken;
-    count.shadow = illuminator.shadowSamples;
-    count.maxDifference = maxDifference;
+    if (renderImage(settings, sc.objects, rendered, nullptr, nullptr, &count.stats) != RENDER_OK)
+        return count;
     const VolumeShader& sh = sc.shader();
     const uint64_t cells =
         uint64_t(sh.gridSize[0]) * uint64_t(sh.gridSize[1]) * uint64_t(sh.gridSize[2]);
@@ -894,10 +782,13 @@ void printSummary(const Recorder& r) {
         (sh.flags & VolumeShader::jitter) ? "on" : "off", sh.sampler, double(sc.sigma),
         double(sc.stopTransparency));
     std::printf(
-        "Ours, samples per image: %.2f M (camera rays %.2f M, light cache shadow rays %.2f M "
-        "for %llu filled corners); counting pass vs renderer image: largest difference %.3g\n",
-        double(count.total()) / 1e6, double(count.primary) / 1e6, double(count.shadow) / 1e6,
-        static_cast<unsigned long long>(count.lightCacheFills), double(count.maxDifference));
+        "Ours, per image: %.2f M step positions (camera rays %.2f M, light cache shadow rays "
+        "%.2f M for %llu filled corners), of which %.2f M read the grid (camera %.2f M, shadow "
+        "%.2f M); the others lay in blocks known to be empty\n",
+        double(count.steps()) / 1e6, double(count.stats.cameraSteps) / 1e6,
+        double(count.stats.shadowSteps) / 1e6,
+        static_cast<unsigned long long>(count.lightCacheFills), double(count.total()) / 1e6,
+        double(count.stats.cameraSamples) / 1e6, double(count.stats.shadowSamples) / 1e6);
 
     // The images side by side: ours (2 threads), the ceiling and VolumeRender.
     Image ours;
@@ -972,6 +863,11 @@ void printSummary(const Recorder& r) {
     std::printf("  ours / ceiling samples per second, 1 thread: %s (%s)  target >= 0.6x\n",
                 ratio(ours1.rate(), ceil1.rate()).c_str(),
                 ratio(ours1.cpuRate(), ceil1.cpuRate()).c_str());
+    std::printf(
+        "  ours / ceiling step positions per second, 1 thread: %s (%s)  (every position our "
+        "steps look at, read or known empty)\n",
+        ratio(double(count.steps()) / ours1.wall, ceil1.rate()).c_str(),
+        ratio(double(count.steps()) / ours1.cpu, ceil1.cpuRate()).c_str());
     std::printf("  ours / ceiling image time, 1 thread: %s (%s)\n",
                 ratio(ours1.wall, ceil1.wall).c_str(), ratio(ours1.cpu, ceil1.cpu).c_str());
 #ifdef VAPORIX_BENCH_OPENVDB

@@ -950,6 +950,7 @@ int VolumeShader::NextStep(VolumeSegment& seg, Illuminator& illum, SegmentList& 
         }
         const float p = static_cast<float>(newT) - jitterShift;
         if (static_cast<double>(p) > seg.tEnd) return endSegment();
+        ++illum.stepsTaken;
 
         float pos[3];
         for (int a = 0; a < 3; ++a) pos[a] = static_cast<float>(seg.origin[a]) + seg.dir[a] * p;
@@ -1514,6 +1515,7 @@ int VolumeShader::NextStepProbabilistic(VolumeSegment& seg,
         VolumeSample s;
         sample(s, pos, mask, sampler, seg.time);
         ++illum.samplesTaken;
+        ++illum.stepsTaken;
         float alpha[3];
         opacityOf(s, stepWorld, alpha);
         if (max3(alpha) > skipOpacity * stepWorld && softBorder > 0.5f) {
@@ -1618,7 +1620,7 @@ void VolumeShader::marchShadow(VolumeSegment& seg,
     const int64_t sy = n[0], sz = static_cast<int64_t>(n[0]) * n[1];
     const float o[3] = {static_cast<float>(seg.origin[0]), static_cast<float>(seg.origin[1]),
                         static_cast<float>(seg.origin[2])};
-    uint64_t samples = 0;
+    uint64_t samples = 0, steps = 0;
     for (;;) {
         const double newT = seg.t + stepT;
         if (!(newT > seg.t)) {
@@ -1636,6 +1638,7 @@ void VolumeShader::marchShadow(VolumeSegment& seg,
         }
         const float p = static_cast<float>(newT) - jitterShift;
         if (static_cast<double>(p) > seg.tEnd) break;
+        ++steps;
         const float pos[3] = {o[0] + seg.dir[0] * p, o[1] + seg.dir[1] * p, o[2] + seg.dir[2] * p};
         if (emptyBlocks && inEmptyBlock(pos)) continue;
 
@@ -1676,6 +1679,7 @@ void VolumeShader::marchShadow(VolumeSegment& seg,
         if (onStep(seg.alpha)) break;
     }
     illum.samplesTaken += samples;
+    illum.stepsTaken += steps;
 }
 
 void VolumeShader::Shadow(SegmentList& list, float opacity[3], Illuminator& illum, int ownLight) {

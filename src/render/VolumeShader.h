@@ -189,7 +189,9 @@ public:
     float transparency[3] = {1.0f, 1.0f, 1.0f};
     /// Raised by ShadeProbabilistic for each shaded hit.
     int sampleCount = 0;
-    /// Grid samples taken by the steps of rays traced with this illuminator (statistics).
+    /// Statistics of the rays traced with this illuminator: positions the steps looked at, and
+    /// those of them that read the grid (the others lay in blocks known to be empty).
+    uint64_t stepsTaken = 0;
     uint64_t samplesTaken = 0;
     const VolumeShader* currentShader = nullptr;
 };

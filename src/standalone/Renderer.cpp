@@ -195,7 +195,8 @@ int renderImage(const RenderSettings& settings,
                 const std::vector<GridObject*>& objects,
                 Image& out,
                 ProgressCallback* progress,
-                std::string* error) {
+                std::string* error,
+                RenderStats* stats) {
     if (!checkSettings(settings, error)) return RENDER_FAILED;
     RenderContext ctx;
     ctx.settings = &settings;
@@ -257,19 +258,20 @@ int renderImage(const RenderSettings& settings,
     engine.init(settings.threads > 0 ? settings.threads : -1);
     std::atomic<int> nextTile{0};
     std::atomic<bool> aborted{false};
+    std::atomic<uint64_t> counts[4] = {0, 0, 0, 0};
     if (progress) progress->begin();
     engine.forRange(
         static_cast<uint64_t>(std::max(engine.numJobs, 1)),
         [&](uint64_t, uint64_t, Job&) {
             StandaloneIlluminator illuminator(ctx.lighting);
             for (;;) {
-                if (aborted.load(std::memory_order_relaxed)) return;
+                if (aborted.load(std::memory_order_relaxed)) break;
                 if (progress && progress->checkAbort()) {
                     aborted.store(true);
-                    return;
+                    break;
                 }
                 const int tile = nextTile.fetch_add(1);
-                if (tile >= tileCount) return;
+                if (tile >= tileCount) break;
                 renderTile(ctx, illuminator, tile, out);
                 const int x0 = (tile % ctx.tilesX) * settings.tileSize;
                 const int y0 = (tile / ctx.tilesX) * settings.tileSize;
@@ -277,11 +279,21 @@ int renderImage(const RenderSettings& settings,
                 const int h = std::min(settings.tileSize, settings.height - y0);
                 engine.addDone(static_cast<uint32_t>(w * h));
             }
+            counts[0] += illuminator.stepsTaken;
+            counts[1] += illuminator.samplesTaken;
+            counts[2] += illuminator.shadowSteps;
+            counts[3] += illuminator.shadowSamples;
         },
         progress);
     if (progress) {
         if (!aborted.load()) progress->setProgress(out.pixelCount());
         progress->end();
+    }
+    if (stats) {
+        stats->cameraSteps = counts[0];
+        stats->cameraSamples = counts[1];
+        stats->shadowSteps = counts[2];
+        stats->shadowSamples = counts[3];
     }
     return aborted.load() ? RENDER_ABORTED : RENDER_OK;
 }

@@ -49,6 +49,17 @@ enum RenderStatus : int {
     RENDER_FAILED = 2    ///< bad settings, no usable object, or out of memory; see `error`
 };
 
+/// What a render did: positions the marcher's steps looked at and grid samples it read, on the
+/// camera rays (with their scattering) and on the shadow rays toward the lights.
+struct RenderStats {
+    uint64_t cameraSteps = 0;
+    uint64_t cameraSamples = 0;
+    uint64_t shadowSteps = 0;
+    uint64_t shadowSamples = 0;
+    uint64_t steps() const { return cameraSteps + shadowSteps; }
+    uint64_t samples() const { return cameraSamples + shadowSamples; }
+};
+
 /// Renders the objects, which must have been prepared (`GridObject::prepare`). `progress`
 /// (may be null) is told the number of finished pixels out of width * height on the calling
 /// thread, and asked for aborts between tiles by the render threads, several at once. Each
@@ -59,7 +70,8 @@ int renderImage(const RenderSettings& settings,
                 const std::vector<GridObject*>& objects,
                 Image& out,
                 ProgressCallback* progress = nullptr,
-                std::string* error = nullptr);
+                std::string* error = nullptr,
+                RenderStats* stats = nullptr);
 
 /// World box around the objects (min x, y, z, max x, y, z). @return false when no object has a
 /// grid.

@@ -128,6 +128,8 @@ void StandaloneIlluminator::transmittance(const double from[3],
     float color[3] = {0.0f, 0.0f, 0.0f};
     VolumeShader::TraceVolumes(from, to, color, out, shadow, mScene.time, mScene.shaders,
                                mScene.shaderCount, false);
+    shadowSteps += shadow.stepsTaken;
+    shadowSamples += shadow.samplesTaken;
     for (int c = 0; c < 3; ++c) {
         if (!(out[c] >= 0.0f)) out[c] = 0.0f;  // NaN too
         if (out[c] > 1.0f) out[c] = 1.0f;

@@ -49,6 +49,11 @@ public:
 
     const LightingScene& scene() const { return mScene; }
 
+    /// Steps and grid samples of the shadow rays this illuminator traced (statistics; the
+    /// camera rays' own are in `stepsTaken` and `samplesTaken`).
+    uint64_t shadowSteps = 0;
+    uint64_t shadowSamples = 0;
+
 private:
     const LightingScene& mScene;
 };
