@@ -34,7 +34,9 @@ fuzz: deps
 
 # A short run of each libFuzzer target from its seeds (part of `make test`).
 FUZZ_SECONDS ?= 20
-fuzz-smoke: fuzz
+fuzz-smoke: deps
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz -j $(JOBS) --target fuzz_sg_decoder fuzz_vxg_reader
 	scripts/fuzz-smoke.sh build/fuzz $(FUZZ_SECONDS)
 
 # Benchmarks also install what they compare against (OpenVDB); build and test never need it.
