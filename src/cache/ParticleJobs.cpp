@@ -44,10 +44,15 @@ int MTComputeParticlesBbox::compute(PGroup& group, float box[6]) {
     const Row empty{{PARTICLE_BOX_EMPTY, PARTICLE_BOX_EMPTY, PARTICLE_BOX_EMPTY,
                      -PARTICLE_BOX_EMPTY, -PARTICLE_BOX_EMPTY, -PARTICLE_BOX_EMPTY},
                     0};
+    // Positions are read from the expanded channel only, so particles past its end can't count:
+    // the pass covers what was expanded, never a count alone that a damaged file may claim.
+    const int64_t expanded =
+        group.channelData[PRT_POSITION].expanded.count / group.GetChannelStride(PRT_POSITION);
+    const int64_t particles = std::min<int64_t>(group.count, expanded);
     mRows.resize(0);
-    if (group.count <= 0 || !mRows.resize(numJobs, &empty, true)) return 0;
+    if (particles <= 0 || !mRows.resize(numJobs, &empty, true)) return 0;
     mGroup = &group;
-    setSpan(static_cast<uint64_t>(group.count));
+    setSpan(static_cast<uint64_t>(particles));
     runJobs(0);
     mGroup = nullptr;
     int bad = 0;

@@ -18,7 +18,8 @@ public:
     const char* getName() const override { return "MTComputeParticlesBbox"; }
     void jobProc(Job& job) override;
 
-    /// Runs over `group` and merges the rows into `box`; @return the bad particle count.
+    /// Runs over the particles of `group` that have expanded positions and merges the rows
+    /// into `box`; @return the bad particle count.
     int compute(PGroup& group, float box[6]);
 
     /// The process-wide instance, built on first use; `lock()` serialises its users.

@@ -364,6 +364,23 @@ TEST(VaporixFrameData, ParticleBoxSkipsBadParticles) {
     VaporixFrameData none;
     none.computeParticleBox(box);
     EXPECT_EQ(box[0], 1e20f);
+
+    // A count that a damaged file claims, with positions for two particles and a channel 0 of
+    // a kind that can't expand: the box comes from what is there, without a walk over the rest.
+    PGroup& claimed = frame.groups[1];
+    claimed.count = 2;
+    const float two[6] = {-5, 1, 1, 2, 2, 2};
+    claimed.setChannel(PRT_POSITION, two, ~uint64_t(0));
+    claimed.count = 0x7FFFFFFF;
+    EXPECT_EQ(MTComputeParticlesBbox::instance().compute(claimed, box), 0);
+    EXPECT_EQ(box[0], -5.0f);
+    EXPECT_EQ(box[3], 2.0f);
+    claimed.channelData[PRT_POSITION].expanded.free();
+    setCompressed(claimed, PRT_POSITION, 9, Bytes().f32(1));
+    EXPECT_EQ(claimed.DecompressChannel(PRT_POSITION, false), 0);
+    EXPECT_EQ(claimed.GetCount(), 0x7FFFFFFF);
+    frame.computeParticleBox(box);
+    EXPECT_EQ(box[0], 0.0f);  // group 0 alone
 }
 
 TEST(PGroup, CodedStreamsOfKindsTwoAndThree) {
