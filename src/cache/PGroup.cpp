@@ -284,12 +284,22 @@ int PGroup::DecompressChannel(int channel, bool dropCompressed) {
         lumoLog("PGroup::DecompressChannel failed: no compression data!");
         return 0;
     }
-    if (cd.kind < 0 || cd.kind > PRT_KIND_BITPLANES) return 0;
+    if (cd.kind < 0 || cd.kind > PRT_KIND_BITPLANES) {
+        // A kind this reader doesn't know: the channel is dropped like a damaged one.
+        cd.compressed.free();
+        return 0;
+    }
     const int components = prtComponentCount(channel);
     const uint64_t values = static_cast<uint64_t>(count < 0 ? 0 : count) * components;
     const uint64_t bytes = values * 4;
-    bool ok = count >= 0 && expansionJustified(bytes, static_cast<uint64_t>(cd.compressed.count)) &&
-              sizeForOverwrite(cd.expanded, static_cast<long long>(bytes));
+    if (count < 0 || !expansionJustified(bytes, static_cast<uint64_t>(cd.compressed.count))) {
+        cd.expanded.free();
+        cd.compressed.free();
+        return 0;
+    }
+    // Memory that fails is no fault of the channel: the reader turns it into a broken load.
+    bool outOfMemory = !sizeForOverwrite(cd.expanded, static_cast<long long>(bytes));
+    bool ok = !outOfMemory;
     if (ok) {
         const uint8_t* src = cd.compressed.data;
         const uint64_t srcBytes = static_cast<uint64_t>(cd.compressed.count);
@@ -321,6 +331,7 @@ int PGroup::DecompressChannel(int channel, bool dropCompressed) {
                     break;
                 }
                 std::unique_ptr<float[]> planar(new (std::nothrow) float[values]);
+                outOfMemory = !planar;
                 ok = planar && codec.decode(src, srcBytes, planar.get(), values);
                 if (!ok) break;
                 if (components == 3)
@@ -336,6 +347,7 @@ int PGroup::DecompressChannel(int channel, bool dropCompressed) {
                 const uint64_t planeBytes = w * components * 32 * 4;
                 if (planeBytes == 0) break;
                 std::unique_ptr<uint32_t[]> planes(new (std::nothrow) uint32_t[planeBytes / 4]);
+                outOfMemory = !planes;
                 uint64_t written = 0;
                 auto* planeData = reinterpret_cast<uint8_t*>(planes.get());
                 ok = planes && inflateInto(src, srcBytes, planeData, planeBytes, &written);
@@ -350,7 +362,7 @@ int PGroup::DecompressChannel(int channel, bool dropCompressed) {
     if (!ok) {
         cd.expanded.free();
         cd.compressed.free();
-        return 0;
+        return outOfMemory ? -1 : 0;
     }
     if (dropCompressed) cd.compressed.free();
     return 1;

@@ -101,8 +101,9 @@ public:
     int GetChannelStride(int channel) override;
     int FindById(int64_t id) override;
 
-    /// Expands a channel from its compressed bytes. @return non-zero on success; a failure
-    /// empties both arrays of the channel.
+    /// Expands a channel from its compressed bytes. A failure empties both arrays of the
+    /// channel. @return 1 on success, 0 for a channel that can't be expanded (damaged, or of an
+    /// unknown kind), -1 when memory ran out.
     int DecompressChannel(int channel, bool dropCompressed);
     /// Fills the compressed bytes of a channel from its expanded values in the given kind (the
     /// inverse of DecompressChannel; kinds 2 and 3 store lossless streams). @return false when

@@ -254,7 +254,9 @@ void readParticleChunk(ReadState& st) {
             if (!cd.compressed.resize(static_cast<long long>(bytes), nullptr, true))
                 in.fail(nullptr);
             in.read(cd.compressed.data, bytes, dataTrace);
-            grp.DecompressChannel(ordinal, st.dropCompressed);
+            // A damaged channel is dropped and the frame stays valid; memory that runs out
+            // makes the load fail.
+            if (grp.DecompressChannel(ordinal, st.dropCompressed) < 0) in.fail(nullptr);
             if (grp.HasChannel(ordinal)) grp.channelBits |= 1u << ordinal;
             if (ordinal == PRT_ID && grp.channelData[PRT_ID].expanded.count > 0) grp.buildIdOrder();
         }
@@ -306,7 +308,7 @@ void readOldParticleSection(ReadState& st, bool coded) {
                 if (!cd.compressed.resize(static_cast<long long>(bytes), nullptr, true))
                     in.fail(nullptr);
                 std::memcpy(cd.compressed.data, pool.data + table[c], bytes);
-                grp.DecompressChannel(c, true);
+                if (grp.DecompressChannel(c, true) < 0) in.fail(nullptr);
             }
             if (grp.HasChannel(c)) grp.channelBits |= 1u << c;
         }

@@ -124,6 +124,18 @@ inline void sphericalTaps(float x, int n, AxisTaps& t) {
     t.count = 3;
 }
 
+/// Trilinear blend of the 2x2x2 cells from `c` (x stride 1, y stride `sy`, z stride `sz`).
+[[gnu::always_inline]] inline float trilinear(
+    const float* c, int64_t sy, int64_t sz, float tx, float ty, float tz) {
+    const float c00 = c[0] + (c[1] - c[0]) * tx;
+    const float c10 = c[sy] + (c[sy + 1] - c[sy]) * tx;
+    const float c01 = c[sz] + (c[sz + 1] - c[sz]) * tx;
+    const float c11 = c[sz + sy] + (c[sz + sy + 1] - c[sz + sy]) * tx;
+    const float c0 = c00 + (c10 - c00) * ty;
+    const float c1 = c01 + (c11 - c01) * ty;
+    return c0 + (c1 - c0) * tz;
+}
+
 /// Gathers the channels of `mask` over the taps of three axes.
 inline void gatherTaps(const VolumeShader& s, const AxisTaps t[3], uint32_t mask, float out[7]) {
     const int64_t nx = s.gridSize[0];
@@ -184,7 +196,7 @@ void sampleVariant(const VolumeShader& s, const float p[3], uint32_t mask, float
         const int ix = static_cast<int>(fx), iy = static_cast<int>(fy), iz = static_cast<int>(fz);
         if (ix >= 0 && iy >= 0 && iz >= 0 && ix + 1 < n[0] && iy + 1 < n[1] && iz + 1 < n[2]) {
             const float tx = p[0] - fx, ty = p[1] - fy, tz = p[2] - fz;
-            const int64_t sx = 1, sy = n[0], sz = static_cast<int64_t>(n[0]) * n[1];
+            const int64_t sy = n[0], sz = static_cast<int64_t>(n[0]) * n[1];
             const int64_t base = ix + sy * iy + sz * iz;
             for (int k = 0; k < 7; ++k) {
                 if (!(mask & (1u << k))) continue;
@@ -193,14 +205,7 @@ void sampleVariant(const VolumeShader& s, const float p[3], uint32_t mask, float
                     out[k] = 0.0f;
                     continue;
                 }
-                const float* c = ch + base;
-                const float c00 = c[0] + (c[sx] - c[0]) * tx;
-                const float c10 = c[sy] + (c[sy + sx] - c[sy]) * tx;
-                const float c01 = c[sz] + (c[sz + sx] - c[sz]) * tx;
-                const float c11 = c[sz + sy] + (c[sz + sy + sx] - c[sz + sy]) * tx;
-                const float c0 = c00 + (c10 - c00) * ty;
-                const float c1 = c01 + (c11 - c01) * ty;
-                out[k] = c0 + (c1 - c0) * tz;
+                out[k] = trilinear(ch + base, sy, sz, tx, ty, tz);
             }
             return;
         }
@@ -871,14 +876,7 @@ namespace {
         const int64_t base = ix + sy * iy + sz * iz;
         for (int k = 0; k < 4; ++k) {
             if (!(mask & (1u << k)) || !sh.channel[k]) continue;
-            const float* c = sh.channel[k] + base;
-            const float c00 = c[0] + (c[1] - c[0]) * tx;
-            const float c10 = c[sy] + (c[sy + 1] - c[sy]) * tx;
-            const float c01 = c[sz] + (c[sz + 1] - c[sz]) * tx;
-            const float c11 = c[sz + sy] + (c[sz + sy + 1] - c[sz + sy]) * tx;
-            const float c0 = c00 + (c10 - c00) * ty;
-            const float c1 = c01 + (c11 - c01) * ty;
-            v[k] = c0 + (c1 - c0) * tz;
+            v[k] = trilinear(sh.channel[k] + base, sy, sz, tx, ty, tz);
         }
     } else {
         AxisTaps t[3];
@@ -1650,14 +1648,9 @@ void VolumeShader::marchShadow(VolumeSegment& seg,
                       iz = static_cast<int>(fz);
             if (ix >= 0 && iy >= 0 && iz >= 0 && ix + 1 < n[0] && iy + 1 < n[1] && iz + 1 < n[2]) {
                 const float tx = pos[0] - fx, ty = pos[1] - fy, tz = pos[2] - fz;
-                const float* c = opacityChannel + (ix + sy * iy + sz * iz);
-                const float c00 = c[0] + (c[1] - c[0]) * tx;
-                const float c10 = c[sy] + (c[sy + 1] - c[sy]) * tx;
-                const float c01 = c[sz] + (c[sz + 1] - c[sz]) * tx;
-                const float c11 = c[sz + sy] + (c[sz + sy + 1] - c[sz + sy]) * tx;
-                const float c0 = c00 + (c10 - c00) * ty;
-                const float c1 = c01 + (c11 - c01) * ty;
-                arg = (c0 + (c1 - c0) * tz) * remapScale[2] + remapOffset[2];
+                arg = trilinear(opacityChannel + (ix + sy * iy + sz * iz), sy, sz, tx, ty, tz) *
+                          remapScale[2] +
+                      remapOffset[2];
             } else {
                 VolumeSample s;
                 sampleLinear(*this, pos, SAMPLE_OPACITY, s);

@@ -129,8 +129,9 @@ TEST(PGroup, DamagedChannelsAreDroppedAndKindsChecked) {
     setCompressed(g, 3, PRT_KIND_RAW, Bytes().f32(1).f32(2));  // 2 values for 4 particles
     EXPECT_EQ(g.DecompressChannel(3, false), 0);
     EXPECT_FALSE(g.HasChannel(3));
-    setCompressed(g, 5, 7, Bytes().f32(1));  // no such kind
+    setCompressed(g, 5, 7, Bytes().f32(1));  // no such kind: dropped like a damaged one
     EXPECT_EQ(g.DecompressChannel(5, false), 0);
+    EXPECT_FALSE(g.HasChannel(5));
     EXPECT_EQ(g.DecompressChannel(9, false), 0);
     EXPECT_TRUE(log.contains("PGroup::DecompressChannel failed: no compression data!"));
     // A zlib stream that holds more than the particles is refused too.
@@ -378,7 +379,7 @@ TEST(VaporixFrameData, ParticleBoxSkipsBadParticles) {
     claimed.channelData[PRT_POSITION].expanded.free();
     setCompressed(claimed, PRT_POSITION, 9, Bytes().f32(1));
     EXPECT_EQ(claimed.DecompressChannel(PRT_POSITION, false), 0);
-    EXPECT_EQ(claimed.GetCount(), 0x7FFFFFFF);
+    EXPECT_EQ(claimed.GetCount(), 0);  // positions of an unknown kind are dropped
     frame.computeParticleBox(box);
     EXPECT_EQ(box[0], 0.0f);  // group 0 alone
 }
@@ -592,4 +593,36 @@ TEST(PGroup, DamagedChannelsOfAFileAreDroppedWhileTheFrameLoads) {
     EXPECT_EQ(o.groups[0].channelBits, 1u << PRT_POSITION);
     EXPECT_FALSE(o.groups[0].HasChannel(PRT_ID));
     EXPECT_EQ(o.particleBox[5], pos[11]);
+}
+
+TEST(PGroup, MemoryThatRunsOutFailsTheLoadButADamagedChannelDoesNot) {
+    // 20000 ages of one value: a short zlib stream that expands to 80000 bytes.
+    TempDir dir;
+    const int count = 20000;
+    const std::vector<float> ages(count, 3.0f), pos(size_t(count) * 3, 0.5f);
+    const Bytes zAges = deflateBytes(ages.data(), ages.size() * 4);
+    const Bytes zPos = deflateBytes(pos.data(), pos.size() * 4);
+    Bytes particles;
+    particles.i32(1).str("Mist").i32(0).i32(count).raw("12345678", 8).i32(2);
+    particles.i32(0).i32(1).i32(static_cast<int32_t>(zPos.size())).raw(zPos);
+    particles.i32(3).i32(1).i32(static_cast<int32_t>(zAges.size())).raw(zAges);
+    VxgBuilder v4(4);
+    const float box[6] = {0, 0, 0, 1, 1, 1};
+    v4.chunk(1000, summaryBody("Mist", count, 0x9, 0, box));
+    v4.chunk(1002, particles);
+    v4.tag(0);
+    v4.write(dir.file("mist.vxg"));
+
+    VaporixFrameData whole;
+    ASSERT_EQ(whole.importFile(dir.file("mist.vxg").c_str(), "", 0, true, false, false), 0);
+    ASSERT_EQ(whole.groups.count, 1);
+    EXPECT_TRUE(whole.groups[0].HasChannel(PRT_AGE));
+
+    // Room for the compressed bytes but not for the expanded positions: a broken load.
+    setArrayAllocationLimit(100000);
+    VaporixFrameData starved;
+    const int status = starved.importFile(dir.file("mist.vxg").c_str(), "", 0, true, false, false);
+    setArrayAllocationLimit(0);
+    EXPECT_EQ(status, LOAD_BROKEN);
+    EXPECT_EQ(starved.comprData, nullptr);
 }
