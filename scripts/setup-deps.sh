@@ -7,7 +7,7 @@ set -euo pipefail
 PACKAGES=(
     cmake ninja-build pkg-config g++ clang libclang-rt-14-dev python3
     libgtest-dev libgmock-dev libbenchmark-dev
-    zlib1g-dev libzstd-dev libpng-dev libopenexr-dev libimath-dev
+    zlib1g-dev libdeflate-dev libzstd-dev libpng-dev libopenexr-dev libimath-dev
 )
 BENCH_PACKAGES=(libopenvdb-dev libboost-iostreams-dev libtbb-dev)
 
