@@ -284,11 +284,8 @@ int PGroup::DecompressChannel(int channel, bool dropCompressed) {
         lumoLog("PGroup::DecompressChannel failed: no compression data!");
         return 0;
     }
-    if (cd.kind < 0 || cd.kind > PRT_KIND_BITPLANES) {
-        // A kind this reader doesn't know: the channel is dropped like a damaged one.
-        cd.compressed.free();
-        return 0;
-    }
+    // A kind this reader doesn't know returns at once: its bytes stay for a writer to keep.
+    if (cd.kind < 0 || cd.kind > PRT_KIND_BITPLANES) return 0;
     const int components = prtComponentCount(channel);
     const uint64_t values = static_cast<uint64_t>(count < 0 ? 0 : count) * components;
     const uint64_t bytes = values * 4;
