@@ -410,7 +410,7 @@ int VaporixFrameData::ImportVxg(const char* path,
             }
             // Chunk loop, behind the marker tag.
             in.seek(markerOffset + 4, "Failed seeking to marker chunk!\n");
-            const bool wideSizes = version >= VXG_VERSION_CURRENT;
+            const bool wideSizes = version > VXG_VERSION_CHUNKS32;
             for (;;) {
                 const int32_t id = in.get<int32_t>("Failed reading chunk id!\n");
                 if (id == CHUNK_END) break;
