@@ -3,25 +3,10 @@
 set -u
 tool="$1"
 data="$2"
-py=/usr/bin/python3
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
+source "$(dirname "$0")/testlib.sh"
 # The library's log file goes to the scratch folder (tests look into it).
 export LUMO_LOG_DIR="$tmp/logs"
 mkdir -p "$LUMO_LOG_DIR"
-passed=0
-failed=0
-check() {  # check NAME CONDITION...
-    local name="$1"
-    shift
-    if "$@"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "FAILED: $name"; fi
-}
-status_is() {  # status_is EXPECTED COMMAND...
-    local want="$1"
-    shift
-    "$@" >/dev/null 2>"$tmp/stderr"
-    [ "$?" -eq "$want" ]
-}
 
 # A 3x2x2 ramp and a constant channel, packed and read back.
 $py -c "
@@ -174,5 +159,4 @@ check "bad channel" status_is 2 "$tool" dump "$tmp/out.vxg" --channel 40 -o "$tm
 check "unknown command" status_is 2 "$tool" frobnicate
 check "help" status_is 0 "$tool" pack --help
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish

@@ -2,24 +2,7 @@
 # End-to-end checks of vaporix params: the list, setting values, and parameter files.
 set -u
 tool="$1"
-py=/usr/bin/python3
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-passed=0
-failed=0
-check() {  # check NAME CONDITION...
-    local name="$1"
-    shift
-    if "$@"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "FAILED: $name"; fi
-}
-status_is() {  # status_is EXPECTED COMMAND...
-    local want="$1"
-    shift
-    "$@" >"$tmp/stdout" 2>"$tmp/stderr" </dev/null
-    [ "$?" -eq "$want" ]
-}
-stderr_has() { grep -qF -- "$1" "$tmp/stderr"; }
-stdout_has() { grep -qF -- "$1" "$tmp/stdout"; }
+source "$(dirname "$0")/testlib.sh"
 
 check "list" status_is 0 "$tool" params
 check "list row" stdout_has "Physically Based Fire"
@@ -104,5 +87,4 @@ check "unknown in file" status_is 0 "$tool" params --load "$tmp/warn.json"
 check "unknown in file text" stderr_has "unknown parameter 'nope' skipped"
 check "help" status_is 0 "$tool" params --help
 
-echo "params: $passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish params

@@ -3,25 +3,7 @@
 # thread count, parameters, lights, bad usage, failed operations and Ctrl-C.
 set -u
 tool="$1"
-py=/usr/bin/python3
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-passed=0
-failed=0
-check() {  # check NAME CONDITION...
-    local name="$1"
-    shift
-    if "$@"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "FAILED: $name"; fi
-}
-status_is() {  # status_is EXPECTED COMMAND...
-    local want="$1"
-    shift
-    "$@" >"$tmp/stdout" 2>"$tmp/stderr" </dev/null
-    [ "$?" -eq "$want" ]
-}
-stderr_has() { grep -qF -- "$1" "$tmp/stderr"; }
-stderr_empty() { [ ! -s "$tmp/stderr" ]; }
-stderr_lines() { [ "$(wc -l <"$tmp/stderr")" -eq "$1" ]; }
+source "$(dirname "$0")/testlib.sh"
 
 # A 12x12x16 ball of smoke with a hot core, as frame 3 of a sequence.
 $py -c "
@@ -139,5 +121,4 @@ left = os.listdir(os.path.dirname(out))
 assert not [f for f in left if f.startswith('big')], left
 PY
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish

@@ -2,24 +2,7 @@
 # End-to-end checks of vaporix ls, rm, cp and mv on real sequences with awkward names.
 set -u
 tool="$1"
-py=/usr/bin/python3
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-passed=0
-failed=0
-check() {  # check NAME CONDITION...
-    local name="$1"
-    shift
-    if "$@"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "FAILED: $name"; fi
-}
-status_is() {  # status_is EXPECTED COMMAND...
-    local want="$1"
-    shift
-    "$@" >"$tmp/stdout" 2>"$tmp/stderr" </dev/null
-    [ "$?" -eq "$want" ]
-}
-stderr_has() { grep -qF -- "$1" "$tmp/stderr"; }
-stdout_has() { grep -qF -- "$1" "$tmp/stdout"; }
+source "$(dirname "$0")/testlib.sh"
 
 # Frames 1, 2, 3, 5, 9 of a sequence in a folder with spaces and non-ASCII letters, plus an
 # unpadded frame 12 that only the .vxg second pass finds, and names that don't belong.
@@ -121,5 +104,4 @@ check "rm only the sequence" test -f "$src/fire x.vxg" -a -f "$src/smoke 0004.vx
     -a ! -e "$src/fire 12.vxg"
 check "rm nothing" status_is 1 "$tool" rm --yes "$src/fire ####.vxg"
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish

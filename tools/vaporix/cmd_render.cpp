@@ -17,7 +17,7 @@ namespace {
 
 const char* USAGE =
     "usage: vaporix render FILE|PATTERN [--frame N] [--params FILE.json] [--set NAME=VALUE]...\n"
-    "                      [--camera PX PY PZ TX TY TZ FOV] [--light SPEC]... [--size W H]\n"
+    "                      [--camera PX PY PZ TX TY TZ FOV] [--light LIGHT]... [--size W H]\n"
     "                      [--samples N] [--threads N] [--seed N] [--ground]\n"
     "                      [--background R G B] [-q] -o OUT.png|OUT.exr\n"
     "\n"
@@ -31,7 +31,7 @@ const char* USAGE =
     "                     'vaporix params --help')\n"
     "  --camera PX PY PZ TX TY TZ FOV\n"
     "                     camera position, target and vertical field of view in degrees\n"
-    "  --light SPEC       a light (repeatable); numbers comma-separated, parts by colons:\n"
+    "  --light LIGHT      a light (repeatable); numbers comma-separated, parts by colons:\n"
     "                       directional:DX,DY,DZ[:R,G,B[:I]]   DX,DY,DZ the way the light travels\n"
     "                       point:X,Y,Z[:R,G,B[:I]]\n"
     "                       spot:X,Y,Z:TX,TY,TZ:ANGLE[,FALLOFF][:R,G,B[:I]]\n"
