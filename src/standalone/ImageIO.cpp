@@ -97,7 +97,7 @@ std::string extensionOf(const std::string& path) {
 
 }  // namespace
 
-bool writePng(const std::string& path, const Image& image, std::string& error) {
+bool writePng(const std::string& path, const Image& image, std::string& error, bool opaque) {
     if (!validImage(image, error)) return false;
     std::vector<uint8_t> bytes;
     std::vector<png_bytep> rows;
@@ -110,7 +110,7 @@ bool writePng(const std::string& path, const Image& image, std::string& error) {
     }
     for (size_t i = 0; i < image.pixelCount(); ++i) {
         for (int c = 0; c < 3; ++c) bytes[4 * i + c] = toByte(image.rgba[4 * i + c], true);
-        bytes[4 * i + 3] = toByte(image.rgba[4 * i + 3], false);
+        bytes[4 * i + 3] = opaque ? 255 : toByte(image.rgba[4 * i + 3], false);
     }
     for (int y = 0; y < image.height; ++y)
         rows[static_cast<size_t>(y)] = bytes.data() + static_cast<size_t>(y) * image.width * 4;
@@ -179,9 +179,9 @@ bool isImageFileName(const std::string& path) {
     return ext == "png" || ext == "exr";
 }
 
-bool writeImage(const std::string& path, const Image& image, std::string& error) {
+bool writeImage(const std::string& path, const Image& image, std::string& error, bool opaquePng) {
     const std::string ext = extensionOf(path);
-    if (ext == "png") return writePng(path, image, error);
+    if (ext == "png") return writePng(path, image, error, opaquePng);
     if (ext == "exr") return writeExr(path, image, error);
     error = path + ": the name must end in .png or .exr";
     return false;

@@ -11,8 +11,9 @@ namespace vaporix {
 constexpr float PNG_GAMMA = 2.2f;
 
 /// PNG, 8 bits per channel, RGBA: the beauty with the display gamma applied and clamped to
-/// 0..1; alpha is linear.
-bool writePng(const std::string& path, const Image& image, std::string& error);
+/// 0..1; alpha is linear, or 1 everywhere with `opaque` (when the background is part of the
+/// picture, as a viewer would otherwise lay the image over its own backdrop).
+bool writePng(const std::string& path, const Image& image, std::string& error, bool opaque = false);
 
 /// OpenEXR, half floats, linear, zip compressed. Channels: R, G, B, A (the beauty and its
 /// alpha); volume.R, volume.G, volume.B (the volumes' own light, premultiplied);
@@ -21,7 +22,11 @@ bool writeExr(const std::string& path, const Image& image, std::string& error);
 
 /// By the file's extension (.png or .exr, any case). @return false with `error` for another
 /// extension or a failed write.
-bool writeImage(const std::string& path, const Image& image, std::string& error);
+/// `opaquePng` is passed to `writePng`; OpenEXR files always keep the alpha.
+bool writeImage(const std::string& path,
+                const Image& image,
+                std::string& error,
+                bool opaquePng = false);
 
 /// Whether the extension is one `writeImage` knows.
 bool isImageFileName(const std::string& path);

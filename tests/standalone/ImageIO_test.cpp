@@ -94,6 +94,13 @@ TEST(ImageIO, PngHoldsGammaEncodedClampedColourAndLinearAlpha) {
     // Pixel 5: alpha above 1 clamps.
     EXPECT_EQ(px[23], 255);
     EXPECT_TRUE(onlyFile(dir.path(), "out.png"));
+
+    // Opaque: the same colour, alpha 255 everywhere.
+    ASSERT_TRUE(writeImage(path, sampleImage(), error, true)) << error;
+    const std::vector<uint8_t> opaque = readPng(path, w, h);
+    ASSERT_EQ(opaque.size(), 24u);
+    for (size_t i = 0; i < opaque.size(); ++i)
+        EXPECT_EQ(opaque[i], i % 4 == 3 ? 255 : px[i]) << i;
 }
 
 TEST(ImageIO, ExrKeepsTheBeautyAlphaAndElementLayersInHalfFloats) {

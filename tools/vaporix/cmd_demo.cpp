@@ -113,15 +113,8 @@ int renderFrame(const std::string& pattern,
     }
     if (result == RENDER_ABORTED) return failure(CMD, "interrupted; no image written");
     if (result != RENDER_OK) return failure(CMD, error);
-    for (const std::string& path : images) {
-        if (getExtension(path) == "png") {
-            Image opaque = image;
-            for (size_t k = 0; k < opaque.pixelCount(); ++k) opaque.rgba[4 * k + 3] = 1.0f;
-            if (!writeImage(path, opaque, error)) return failure(CMD, error);
-        } else if (!writeImage(path, image, error)) {
-            return failure(CMD, error);
-        }
-    }
+    for (const std::string& path : images)
+        if (!writeImage(path, image, error, true)) return failure(CMD, error);
     return EXIT_OK;
 }
 

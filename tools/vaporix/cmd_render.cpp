@@ -45,7 +45,8 @@ const char* USAGE =
     "  --threads N        render threads (default: all; the image is the same for any count)\n"
     "  --seed N           seed of the pixels' random numbers (default: the frame number)\n"
     "  --ground           a grey ground plane at the bottom of the grid that catches shadows\n"
-    "  --background R G B linear background colour (default 0 0 0)\n"
+    "  --background R G B linear background colour (default 0 0 0); with it, or with --ground,\n"
+    "                     the PNG is opaque\n"
     "  -q                 quiet: no progress bar and no summary\n"
     "  -o OUT             the image: .png (8 bits, gamma 2.2, RGBA) or .exr (half floats,\n"
     "                     linear: R G B A, volume.R/G/B, transmittance.R/G/B)\n"
@@ -187,7 +188,9 @@ int run(int argc, char** argv) {
     }
     if (result == RENDER_ABORTED) return failure(CMD, "interrupted; no image written");
     if (result != RENDER_OK) return failure(CMD, error);
-    if (!writeImage(outPath, image, error)) return failure(CMD, error);
+    // A background or ground asked for is part of the picture: the PNG is opaque then.
+    const bool opaque = args.has("--background") || args.has("--ground");
+    if (!writeImage(outPath, image, error, opaque)) return failure(CMD, error);
     if (!quiet) {
         const double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
