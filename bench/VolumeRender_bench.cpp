@@ -860,7 +860,7 @@ void printSummary(const Recorder& r) {
     printRow("VolumeRender cut-off 0.005, 1 th.", vdbDefault);
 #endif
     std::printf("\nRatios (wall clock; from CPU times in brackets):\n");
-    std::printf("  ours / ceiling samples per second, 1 thread: %s (%s)  target >= 0.6x\n",
+    std::printf("  ours / ceiling samples per second (grid reads), 1 thread: %s (%s)  target >= 0.6x\n",
                 ratio(ours1.rate(), ceil1.rate()).c_str(),
                 ratio(ours1.cpuRate(), ceil1.cpuRate()).c_str());
     std::printf(
