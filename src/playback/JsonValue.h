@@ -65,4 +65,8 @@ private:
     std::vector<std::pair<std::string, JsonValue>> mMembers;
 };
 
+/// `text` as a JSON string, quotes included. Bytes that are not well-formed UTF-8 are written
+/// as \u00XX, so that text read from files always gives a valid document.
+std::string jsonQuote(const std::string& text);
+
 }  // namespace vaporix
