@@ -22,34 +22,9 @@
 #include "foundation/sys/threads.h"
 
 using namespace vaporix;
+using vaporix::test::ScopedEnv;
 
 namespace {
-
-// Restores an environment variable when it goes out of scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : mName(name) {
-        if (const char* old = std::getenv(name)) {
-            mHad = true;
-            mOld = old;
-        }
-        if (value)
-            setenv(name, value, 1);
-        else
-            unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (mHad)
-            setenv(mName.c_str(), mOld.c_str(), 1);
-        else
-            unsetenv(mName.c_str());
-    }
-
-private:
-    std::string mName;
-    std::string mOld;
-    bool mHad = false;
-};
 
 struct IndexRecorder : ThreadShared {
     std::mutex mutex;

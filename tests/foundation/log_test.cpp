@@ -11,33 +11,10 @@
 
 using namespace vaporix;
 using vaporix::test::LogRecorder;
+using vaporix::test::ScopedEnv;
 using vaporix::test::TempDir;
 
-namespace {
-
-/// Sets an environment variable for one scope and restores what was there before.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : mName(name) {
-        if (const char* old = std::getenv(name)) mOld = old, mHad = true;
-        if (value)
-            setenv(name, value, 1);
-        else
-            unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (mHad)
-            setenv(mName.c_str(), mOld.c_str(), 1);
-        else
-            unsetenv(mName.c_str());
-    }
-
-private:
-    std::string mName, mOld;
-    bool mHad = false;
-};
-
-}  // namespace
+namespace {}  // namespace
 
 TEST(Log, WritesToThePidFileAndStripsTheHash) {
     TempDir dir;

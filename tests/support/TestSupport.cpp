@@ -58,7 +58,8 @@ std::vector<uint8_t> readBytes(const std::string& path) {
 
 void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
 }
 
 std::string testDataPath(const std::string& name) {
@@ -67,6 +68,24 @@ std::string testDataPath(const std::string& name) {
 #else
     return name;
 #endif
+}
+
+ScopedEnv::ScopedEnv(const char* name, const char* value) : mName(name) {
+    if (const char* old = std::getenv(name)) {
+        mHad = true;
+        mOld = old;
+    }
+    if (value)
+        setenv(name, value, 1);
+    else
+        unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv() {
+    if (mHad)
+        setenv(mName.c_str(), mOld.c_str(), 1);
+    else
+        unsetenv(mName.c_str());
 }
 
 }  // namespace vaporix::test

@@ -40,6 +40,20 @@ private:
     std::vector<std::string> mTexts;
 };
 
+/// Sets an environment variable (null: unsets it) for one scope and restores what was there.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string mName;
+    std::string mOld;
+    bool mHad = false;
+};
+
 std::vector<uint8_t> readBytes(const std::string& path);
 void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 std::string testDataPath(const std::string& name);
