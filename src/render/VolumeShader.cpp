@@ -126,6 +126,11 @@ inline void sphericalTaps(float x, int n, AxisTaps& t) {
     t.count = 3;
 }
 
+/// The array behind bit k of a sample mask: the four arguments, then red, green and blue.
+inline const float* sampleChannel(const VolumeShader& s, int k) {
+    return k < 4 ? s.channel[k] : s.rgbChannel[k - 4];
+}
+
 /// Trilinear blend of the 2x2x2 cells from `c` (x stride 1, y stride `sy`, z stride `sz`).
 [[gnu::always_inline]] inline float trilinear(
     const float* c, int64_t sy, int64_t sz, float tx, float ty, float tz) {
@@ -175,7 +180,7 @@ inline void gatherTaps(const VolumeShader& s, const AxisTaps t[3], uint32_t mask
     const int64_t nxy = nx * s.gridSize[1];
     for (int k = 0; k < 7; ++k) {
         if (!(mask & (1u << k))) continue;
-        const float* ch = k < 4 ? s.channel[k] : s.rgbChannel[k - 4];
+        const float* ch = sampleChannel(s, k);
         if (!ch) {
             out[k] = 0.0f;
             continue;
@@ -220,7 +225,7 @@ void sampleVariant(const VolumeShader& s, const float p[3], uint32_t mask, float
             idx[0] + static_cast<int64_t>(n[0]) * (idx[1] + int64_t(n[1]) * idx[2]);
         for (int k = 0; k < 7; ++k) {
             if (!(mask & (1u << k))) continue;
-            const float* ch = k < 4 ? s.channel[k] : s.rgbChannel[k - 4];
+            const float* ch = sampleChannel(s, k);
             out[k] = ch ? ch[cell] : 0.0f;
         }
     } else if constexpr (KIND == 1) {
@@ -233,7 +238,7 @@ void sampleVariant(const VolumeShader& s, const float p[3], uint32_t mask, float
             const int64_t base = ix + sy * iy + sz * iz;
             for (int k = 0; k < 7; ++k) {
                 if (!(mask & (1u << k))) continue;
-                const float* ch = k < 4 ? s.channel[k] : s.rgbChannel[k - 4];
+                const float* ch = sampleChannel(s, k);
                 if (!ch) {
                     out[k] = 0.0f;
                     continue;
