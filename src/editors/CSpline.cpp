@@ -136,10 +136,10 @@ float CSpline::value(float u) const {
     const int n = count;
     if (n == 0) return 0.0f;
     const float fn = static_cast<float>(n);
-    if (flags & CLOSED) {
-        u = std::fmod(u, fn);
-        if (u < 0.0f) u += fn;
-    } else if (flags & CLAMP) {
+    // Closed: the remainder keeps the sign of u, so a closed spline below 0 extrapolates from
+    // the first knot as an open one does. The clamp applies after it, closed or not.
+    if (flags & CLOSED) u = std::fmod(u, fn);
+    if (flags & CLAMP) {
         if (u < 0.0f) u = 0.0f;
         if (u > fn - 1.0f) u = fn - 1.0f;
     }

@@ -3,6 +3,7 @@
 #include "foundation/ThreadManager.h"
 
 #include <bit>
+#include <condition_variable>
 #include <cstdlib>
 #include <deque>
 #include <mutex>
@@ -112,6 +113,11 @@ struct PosixThreadManager::Impl {
     int nonEmptyNodes = 0;
     uint32_t totalProcessors = 0;
 
+    // Signalled each time a pool thread becomes idle, for waitForIdleThreads.
+    std::mutex idleMutex;
+    std::condition_variable idleChanged;
+    void announceIdle(PoolThread& t);
+
     PoolThread* obtainThread(ProgressCallback* progress);
     void buildNodeTable();
     static void threadMain(void* argument);
@@ -160,6 +166,13 @@ void PosixThreadManager::Impl::applySchedule(PoolThread& t) {
     t.appliedMask = t.pinMask;
 }
 
+void PosixThreadManager::Impl::announceIdle(PoolThread& t) {
+    t.status.store(STATUS_IDLE);
+    // Taking the lock orders the store before a waiter's next look at the statuses.
+    { std::lock_guard<std::mutex> guard(idleMutex); }
+    idleChanged.notify_all();
+}
+
 void PosixThreadManager::Impl::threadMain(void* argument) {
     PoolThread* t = static_cast<PoolThread*>(argument);
     t->references.fetch_add(1);
@@ -194,7 +207,7 @@ void PosixThreadManager::Impl::threadMain(void* argument) {
                     shared->procedure(t->index, t->threadCount, *t->counter);
                 }
                 CompletionRecord* record = t->record;
-                t->status.store(STATUS_IDLE);
+                t->manager->announceIdle(*t);
                 if (record->running.fetch_sub(1) == 1) record->done.set();
                 break;
             }
@@ -204,7 +217,7 @@ void PosixThreadManager::Impl::threadMain(void* argument) {
                 ThreadProcedure* procedure = t->procedure;
                 announceName(procedure->getName());
                 procedure->run(t->data);
-                t->status.store(STATUS_IDLE);
+                t->manager->announceIdle(*t);
                 break;
             }
             case COMMAND_TERMINATE:
@@ -478,6 +491,12 @@ int PosixThreadManager::idleThreads() {
     int idle = 0;
     mImpl->pool.forEach([&](PoolThread* t) { idle += t->status.load() == STATUS_IDLE; });
     return idle;
+}
+
+bool PosixThreadManager::waitForIdleThreads(int count, int timeoutMs) {
+    std::unique_lock<std::mutex> guard(mImpl->idleMutex);
+    return mImpl->idleChanged.wait_for(guard, std::chrono::milliseconds(timeoutMs),
+                                       [&] { return idleThreads() >= count; });
 }
 
 }  // namespace LUtils

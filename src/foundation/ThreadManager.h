@@ -96,6 +96,9 @@ public:
     int poolSize();
     /// Number of pool threads that are idle.
     int idleThreads();
+    /// Waits until at least `count` pool threads are idle: woken by each thread that goes idle,
+    /// never by polling. False when `timeoutMs` passed first (a guard against a hang only).
+    bool waitForIdleThreads(int count, int timeoutMs = 60000);
 
     struct Impl;
 

