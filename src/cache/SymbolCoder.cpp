@@ -614,8 +614,14 @@ bool SymbolCoder::expandForm(int32_t* out, uint64_t n, RunState& st) {
         if (!st.hasLast) return false;
         const uint64_t run = static_cast<uint64_t>(-static_cast<int64_t>(s));
         if (run > st.total - st.produced - i) {
+            // The field ends here: what came before stays, the rest is 0 rather than whatever
+            // the buffer held.
             logLongRun();
-            return false;
+            std::fill(out + i, out + n, 0);
+            st.stopped = true;
+            st.pending = 0;
+            st.produced += n;
+            return !overrun();
         }
         st.pending = run;
     }
@@ -629,6 +635,11 @@ bool SymbolCoder::expandForm(int32_t* out, uint64_t n, RunState& st) {
 
 bool SymbolCoder::expand(int32_t* out, uint64_t n, RunState& state) {
     if (n > state.total - state.produced) return false;
+    if (state.stopped) {
+        std::fill(out, out + n, 0);
+        state.produced += n;
+        return true;
+    }
     return mFlat ? expandForm<true>(out, n, state) : expandForm<false>(out, n, state);
 }
 

@@ -50,11 +50,14 @@ public:
         int32_t last = 0;
         int32_t base = 0;  // added to every stored value
         bool hasLast = false;
+        bool stopped = false;  // a run longer than the rest of the field was met
     };
     /// Run expansion: writes exactly `n` values to `out`, continuing `state`. A negative symbol
     /// repeats the last value that many times; others are stored with `state.base` added.
-    /// @return false for a run longer than the rest of the field (logged), a run with nothing
-    /// before it, or a stream that ended early.
+    /// A run longer than the rest of the field is logged and ends the expansion: the values
+    /// before it stay, every later one (in this piece and all that follow) is 0, and the
+    /// field still counts as decoded.
+    /// @return false for a run with nothing before it, or a stream that ended early.
     bool expand(int32_t* out, uint64_t n, RunState& state);
 
     /// Frees the working tables.

@@ -477,7 +477,7 @@ TEST(SGCompressor, MalformedStreamsAreRejected) {
     }
 }
 
-TEST(SGCompressor, RunsPastTheEndAreLoggedAndRejected) {
+TEST(SGCompressor, RunsPastTheEndStopTheFieldAndZeroTheRest) {
     // A 1-D stream of 6 cells whose flat coder says: value 2, then a run of 9.
     std::vector<uint8_t> s = {0x01, 0xFC, 2, 6, 0, 0, 0, 0x00, 0x00, 0x80,
                               0x3F, 0,    0, 0, 0, 0, 0, 0,    0,    0};
@@ -490,10 +490,12 @@ TEST(SGCompressor, RunsPastTheEndAreLoggedAndRejected) {
     bits.finish();
     s.insert(s.end(), bits.bytes.begin(), bits.bytes.end());
     SGCompressor<1> codec;
-    std::vector<float> out(6);
+    // The destination holds something else first: none of it may show through.
+    std::vector<float> out(6, 7.0f);
     test::LogRecorder log;
-    EXPECT_FALSE(codec.decode(s.data(), s.size(), out.data(), 6));
-    EXPECT_TRUE(log.contains("DecodeAndExpand - constant sequence longer than expected\n"));
+    ASSERT_TRUE(codec.decode(s.data(), s.size(), out.data(), 6));
+    EXPECT_EQ(log.text(), "DecodeAndExpand - constant sequence longer than expected\n");
+    EXPECT_EQ(out, (std::vector<float>{2, 0, 0, 0, 0, 0}));
     // The same run fits a field of 10.
     s[3] = 10;
     out.resize(10);
@@ -510,6 +512,59 @@ TEST(SGCompressor, RunsPastTheEndAreLoggedAndRejected) {
     s[3] = 9;
     out.resize(9);
     EXPECT_FALSE(codec.decode(s.data(), s.size(), out.data(), 9));
+}
+
+// A 2x2x2 grid stream (kind 2, no differences, scale 1, minimum 0) whose symbols are `values`,
+// then a run of `run`, in the flat form of width 6 with base -31.
+static std::vector<uint8_t> gridWithRun(const std::vector<uint32_t>& values, uint32_t run) {
+    std::vector<uint8_t> s = {0x01, 0xFC, 2};
+    for (int32_t d : {2, 2, 2})
+        for (int k = 0; k < 4; ++k) s.push_back(static_cast<uint8_t>(d >> (8 * k)));
+    for (uint8_t b : {0x00, 0x00, 0x80, 0x3F, 0, 0, 0, 0, 0, 0, 0, 0, 0}) s.push_back(b);
+    reference::BitOut bits;
+    bits.field(6, 8);
+    bits.field(static_cast<uint32_t>(-31), 32);
+    for (uint32_t v : values) bits.field(v + 31, 6);
+    bits.field(31 - run, 6);
+    bits.finish();
+    s.insert(s.end(), bits.bytes.begin(), bits.bytes.end());
+    return s;
+}
+
+TEST(SGCompressor, RunPastTheEndInEveryDecoderPath) {
+    // Cells 0..2 decoded, a run of 20 at cell 3 ends the field. Slice by slice and whole: the
+    // same answer, the first three cells kept and the rest 0.
+    const auto s = gridWithRun({3, 1, 4}, 20);
+    for (bool streaming : {true, false}) {
+        SGCompressor<3> codec;
+        codec.setStreamingDecode(streaming);
+        std::vector<float> out(8, -5.0f);
+        test::LogRecorder log;
+        ASSERT_TRUE(codec.decode(s.data(), s.size(), out.data(), 8)) << streaming;
+        EXPECT_EQ(out, (std::vector<float>{3, 1, 4, 0, 0, 0, 0, 0})) << streaming;
+        EXPECT_TRUE(log.contains("DecodeAndExpand - constant sequence longer than expected\n"));
+    }
+    // A run that ends exactly at the last cell is no error.
+    const auto exact = gridWithRun({3}, 7);
+    SGCompressor<3> codec;
+    std::vector<float> out(8, -5.0f);
+    test::LogRecorder log;
+    ASSERT_TRUE(codec.decode(exact.data(), exact.size(), out.data(), 8));
+    EXPECT_EQ(out, std::vector<float>(8, 3.0f));
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST(SGCompressor, AFrameChannelWithARunPastTheEndStillLoads) {
+    VaporixFrameData frame;
+    frame.gridSize[0] = frame.gridSize[1] = frame.gridSize[2] = 2;
+    const auto s = gridWithRun({3, 1, 4}, 20);
+    ASSERT_TRUE(frame.appendStreamBlock(2, s.data(), s.size()));
+    frame.channelMask |= 1u << 2;
+    test::LogRecorder log;
+    const float* smoke = frame.GetChannelData(2);
+    ASSERT_NE(smoke, nullptr);
+    EXPECT_EQ(std::vector<float>(smoke, smoke + 8), (std::vector<float>{3, 1, 4, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(log.text(), "DecodeAndExpand - constant sequence longer than expected\n");
 }
 
 TEST(SGCompressor, MalformedZonesAreRejected) {
