@@ -1,5 +1,5 @@
 # Front door: `make demo` and `make test` on a fresh Debian 12 machine.
-.PHONY: all deps build demo test test-asan test-tsan fuzz fuzz-smoke bench format clean
+.PHONY: all deps build demo test test-asan test-tsan fuzz fuzz-smoke bench format clean soak
 
 JOBS ?= 2
 DEMO_DIR ?= $(CURDIR)/out/demo
@@ -37,7 +37,19 @@ FUZZ_SECONDS ?= 20
 fuzz-smoke: deps
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz -j $(JOBS) --target fuzz_sg_decoder fuzz_vxg_reader
+	cmake --build --preset fuzz -j $(JOBS) --target fuzz_particle_section fuzz_param_json \
+		fuzz_path_template fuzz_cli_options
 	scripts/fuzz-smoke.sh build/fuzz $(FUZZ_SECONDS)
+
+# Two threads sharing frames for a few minutes, under TSan and then under ASan (not in `make test`).
+SOAK_SECONDS ?= 120
+soak: deps
+	cmake --preset tsan >/dev/null
+	cmake --build --preset tsan -j $(JOBS) --target vaporix_soak
+	build/tsan/tests/soak/vaporix_soak $(SOAK_SECONDS)
+	cmake --preset ci >/dev/null
+	cmake --build --preset ci -j $(JOBS) --target vaporix_soak
+	build/ci/tests/soak/vaporix_soak $(SOAK_SECONDS)
 
 # Benchmarks also install what they compare against (OpenVDB); build and test never need it.
 bench:

@@ -28,3 +28,7 @@ run() {
 
 run fuzz_sg_decoder "$root/tests/fuzz/corpus/sg_decoder"
 run fuzz_vxg_reader "$root/tests/data"
+run fuzz_particle_section "$root/tests/fuzz/corpus/particle_section"
+run fuzz_param_json "$root/tests/fuzz/corpus/param_json"
+run fuzz_path_template "$root/tests/fuzz/corpus/path_template"
+run fuzz_cli_options "$root/tests/fuzz/corpus/cli_options"

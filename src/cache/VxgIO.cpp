@@ -4,18 +4,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <thread>
 
 #include "cache/ParticleJobs.h"
 #include "cache/VaporixFrameData.h"
 #include "cache/limits.h"
 #include "foundation/FramePattern.h"
 #include "foundation/log.h"
+#include "foundation/sys/FileAccess.h"
 
 namespace vaporix {
 
@@ -68,11 +67,11 @@ class VxgReader {
 public:
     explicit VxgReader(FILE* file) : mFile(file) {}
     ~VxgReader() {
-        if (mFile) std::fclose(mFile);
+        if (mFile) sys::closeStream(mFile);
     }
 
     void close() {
-        if (mFile) std::fclose(mFile);
+        if (mFile) sys::closeStream(mFile);
         mFile = nullptr;
     }
 
@@ -148,15 +147,15 @@ FILE* openWithRetry(const char* path, bool noRetry) {
     // errno 22 comes from files that another process is still writing: wait and try again.
     const int attempts = noRetry ? 1 : 30;
     for (int i = 0; i < attempts; ++i) {
-        FILE* f = std::fopen(path, "rb");
+        FILE* f = sys::openStream(path, "rb");
         if (f) {
             struct stat st;
-            if (fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode)) return f;
-            std::fclose(f);
+            if (::stat(path, &st) == 0 && S_ISREG(st.st_mode)) return f;
+            sys::closeStream(f);
             return nullptr;
         }
         if (errno != EINVAL) return nullptr;
-        if (i + 1 < attempts) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        if (i + 1 < attempts) sys::pauseBeforeRetry(200);
     }
     return nullptr;
 }
@@ -563,13 +562,15 @@ public:
     bool open(const std::string& path) {
         mTarget = path;
         mTemp = path + ".tmp" + std::to_string(getpid());
-        mFile = std::fopen(mTemp.c_str(), "wb");
+        mFile = sys::openStream(mTemp, "wb");
+        // A buffer of one piece: the file goes to the system in pieces of exactly 1 MiB.
+        if (mFile) std::setvbuf(mFile, nullptr, _IOFBF, WRITE_PIECE);
         return mFile != nullptr;
     }
     ~VxgWriter() {
         if (mFile) {
-            std::fclose(mFile);
-            std::remove(mTemp.c_str());
+            sys::closeStream(mFile);
+            ::unlink(mTemp.c_str());
         }
     }
 
@@ -618,11 +619,11 @@ public:
 
     bool commit() {
         if (!mOk) return false;
-        if (std::fflush(mFile) != 0 || fsync(fileno(mFile)) != 0) mOk = false;
-        if (std::fclose(mFile) != 0) mOk = false;
+        if (!sys::syncStream(mFile)) mOk = false;
+        if (!sys::closeStream(mFile)) mOk = false;
         mFile = nullptr;
-        if (mOk && std::rename(mTemp.c_str(), mTarget.c_str()) != 0) mOk = false;
-        if (!mOk) std::remove(mTemp.c_str());
+        if (mOk && !sys::renamePath(mTemp, mTarget)) mOk = false;
+        if (!mOk) ::unlink(mTemp.c_str());
         return mOk;
     }
 
@@ -745,7 +746,7 @@ int VaporixFrameData::SaveFrame(const char* pattern, uint32_t mask) {
 namespace vaporix {
 
 int vxgFileVersion(const char* path) {
-    FILE* f = path ? std::fopen(path, "rb") : nullptr;
+    FILE* f = path ? sys::openStream(path, "rb") : nullptr;
     if (!f) return -1;
     int version = -1;
     char tail[12];
@@ -758,7 +759,7 @@ int vxgFileVersion(const char* path) {
     } else {
         version = 0;
     }
-    std::fclose(f);
+    sys::closeStream(f);
     return version;
 }
 

@@ -11,6 +11,8 @@ namespace vaporix {
 namespace {
 std::atomic<size_t> gAllocationLimit{0};
 std::atomic<int64_t> gAllocationBudget{-1};
+std::atomic<int64_t> gAllocationCount{0};
+std::atomic<int64_t> gFailingAllocation{0};  // 0: none
 
 /// Takes `bytes` from the budget, if one is set. @return false when it is spent.
 bool takeFromBudget(size_t bytes) {
@@ -33,9 +35,17 @@ void setArrayAllocationLimit(size_t bytes) noexcept { gAllocationLimit.store(byt
 
 void setArrayAllocationBudget(int64_t bytes) noexcept { gAllocationBudget.store(bytes); }
 
+void setArrayAllocationFailure(int64_t n) noexcept {
+    gFailingAllocation.store(n > 0 ? gAllocationCount.load() + n : 0);
+}
+
+int64_t arrayAllocationCount() noexcept { return gAllocationCount.load(); }
+
 namespace internal {
 
 void* arrayAllocate(size_t bytes) noexcept {
+    const int64_t number = gAllocationCount.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (number == gFailingAllocation.load(std::memory_order_relaxed)) return nullptr;
     const size_t limit = gAllocationLimit.load(std::memory_order_relaxed);
     if (limit != 0 && bytes > limit) return nullptr;
     if (!takeFromBudget(bytes)) return nullptr;

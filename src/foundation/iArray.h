@@ -23,6 +23,11 @@ void setArrayAllocationLimit(size_t bytes) noexcept;
 /// Test hook: allocations through iArray fail once they add up to more than `bytes` from now on,
 /// freed blocks not counting back (a negative value turns the budget off).
 void setArrayAllocationBudget(int64_t bytes) noexcept;
+/// Test hook: the `n`-th allocation through iArray from now on fails (1: the next one), and
+/// only that one; 0 turns it off.
+void setArrayAllocationFailure(int64_t n) noexcept;
+/// Number of allocations asked of iArray since the start of the process.
+int64_t arrayAllocationCount() noexcept;
 
 /// A growable array for large numeric data. `I` is the index type (int, or a 64-bit type for
 /// arrays that may pass two thousand million elements). Growth adds `count / growth` elements

@@ -15,8 +15,11 @@
 #include <cmath>
 #include <csetjmp>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <vector>
+
+#include "foundation/sys/FileAccess.h"
 
 namespace vaporix {
 
@@ -28,13 +31,18 @@ std::string temporaryName(const std::string& path) {
     return path + ".tmp" + std::to_string(getpid()) + "_" + std::to_string(counter.fetch_add(1));
 }
 
+/// "<path>: cannot be written", with the system's reason when there is one.
+std::string cannotWrite(const std::string& path, int err) {
+    return path + ": cannot be written" + (err ? std::string(": ") + std::strerror(err) : "");
+}
+
 /// Moves the finished temporary file into place, or removes it after a failure.
 bool finish(const std::string& temp, const std::string& path, bool ok, std::string& error) {
-    if (ok && std::rename(temp.c_str(), path.c_str()) != 0) {
-        error = path + ": cannot be written";
+    if (ok && !sys::renamePath(temp, path)) {
+        error = cannotWrite(path, errno);
         ok = false;
     }
-    if (!ok) std::remove(temp.c_str());
+    if (!ok) ::unlink(temp.c_str());
     return ok;
 }
 
@@ -116,14 +124,20 @@ bool writePng(const std::string& path, const Image& image, std::string& error, b
         rows[static_cast<size_t>(y)] = bytes.data() + static_cast<size_t>(y) * image.width * 4;
 
     const std::string temp = temporaryName(path);
-    FILE* file = std::fopen(temp.c_str(), "wb");
+    FILE* file = sys::openStream(temp, "wb");
     if (!file) {
-        error = path + ": cannot be written";
+        error = cannotWrite(path, errno);
         return false;
     }
+    errno = 0;
     bool ok = writePngRows(file, image.width, image.height, rows.data());
-    ok = std::fclose(file) == 0 && ok;
-    if (!ok) error = path + ": cannot be written";
+    ok = ok && sys::syncStream(file);
+    int err = ok ? 0 : errno;
+    if (!sys::closeStream(file) && ok) {
+        ok = false;
+        err = errno;
+    }
+    if (!ok) error = cannotWrite(path, err);
     return finish(temp, path, ok, error);
 }
 

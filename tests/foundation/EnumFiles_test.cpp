@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "FaultPlan.h"
 #include "TestSupport.h"
 #include "foundation/sys/Files.h"
 
@@ -21,7 +22,7 @@ namespace {
 
 void touch(const std::string& path, uint8_t content = 0) { test::writeBytes(path, {content}); }
 
-// Names listed for the pattern, sorted (the listing order is the file system's).
+// Names listed for the pattern, as a set.
 std::set<std::string> names(const std::vector<SequenceFile>& files) {
     std::set<std::string> out;
     for (const auto& f : files) out.insert(f.path);
@@ -80,15 +81,48 @@ TEST(EnumFiles, NearestFrameAndTies) {
     EXPECT_TRUE(findFrameFile(dir.file("c_####.vxg"), 2000000000, false, path));
     EXPECT_EQ(path, dir.file("c_0009.vxg"));
 
-    // Frames 1 and 5, target 3: whichever the listing shows first stays.
+    // Frames 1 and 5, target 3: the first in name order stays, whatever order the file
+    // system lists them in.
     TempDir tie;
-    touch(tie.file("t_0001.vxg"));
     touch(tie.file("t_0005.vxg"));
+    touch(tie.file("t_0001.vxg"));
     Recorder order;
     enumerateSequence(order, tie.file("t_####.vxg"), true);
-    ASSERT_EQ(order.seen.size(), 2u);
+    EXPECT_EQ(order.seen, (std::vector<std::string>{tie.file("t_0001.vxg"), tie.file("t_0005.vxg")}));
     EXPECT_TRUE(findFrameFile(tie.file("t_####.vxg"), 3, false, path));
-    EXPECT_EQ(path, order.seen.front());
+    EXPECT_EQ(path, tie.file("t_0001.vxg"));
+    {
+        test::FaultPlan plan;
+        plan.reverseListings();
+        Recorder reversed;
+        enumerateSequence(reversed, tie.file("t_####.vxg"), true);
+        EXPECT_EQ(reversed.seen, order.seen);
+        EXPECT_TRUE(findFrameFile(tie.file("t_####.vxg"), 3, false, path));
+        EXPECT_EQ(path, tie.file("t_0001.vxg"));
+    }
+}
+
+TEST(EnumFiles, PaddedAndUnpaddedNamesOfOneFrameGiveOneAnswer) {
+    // a_0012.vxg and a_12.vxg both stand for frame 12 in a loose walk: the one first in byte
+    // order is found, on every file system.
+    TempDir dir;
+    touch(dir.file("a_12.vxg"), 2);
+    touch(dir.file("a_0012.vxg"), 1);
+    const auto find = [&](int32_t frame, bool exact) {
+        EnumFiles search(frame, exact);
+        enumerateSequence(search, dir.file("a_####.vxg"), false);
+        return search.found;
+    };
+    EXPECT_EQ(find(12, true), dir.file("a_0012.vxg"));
+    EXPECT_EQ(find(13, false), dir.file("a_0012.vxg"));
+    test::FaultPlan plan;
+    plan.reverseListings();
+    EXPECT_EQ(find(12, true), dir.file("a_0012.vxg"));
+    EXPECT_EQ(find(13, false), dir.file("a_0012.vxg"));
+    std::vector<sys::FolderEntry> entries;
+    ASSERT_TRUE(sys::listFolder(dir.path(), entries));
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[0].name, "a_0012.vxg");
 }
 
 TEST(EnumFiles, ProcessRulesOnNamesAlone) {

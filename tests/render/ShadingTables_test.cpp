@@ -64,6 +64,11 @@ TEST(ShadingTables, RowMapping) {
     EXPECT_EQ(ShadingTables::rowOf(2.0f), 7999);
     EXPECT_EQ(ShadingTables::rowOf(-1.0f), 0);
     EXPECT_EQ(ShadingTables::rowOf(NAN), 0);
+    // Rounded to the nearest row, not cut down.
+    EXPECT_EQ(ShadingTables::rowOf(2000.6f / 8000.0f), 2001);
+    EXPECT_EQ(ShadingTables::rowOf(2000.4f / 8000.0f), 2000);
+    EXPECT_EQ(ShadingTables::rowOf(0.7f / 8000.0f), 1);
+    EXPECT_EQ(ShadingTables::rowOf(0.3f / 8000.0f), 0);
     EXPECT_FLOAT_EQ(ShadingTables::rowValue(TableRange{100.0f, 8000.0f}, 4000), 4100.0f);
     EXPECT_FLOAT_EQ(ShadingTables::rowValue(TableRange{}, 2000), 0.25f);
 }

@@ -11,10 +11,13 @@
 #include <png.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 
+#include "FaultPlan.h"
 #include "TestSupport.h"
 
 namespace vaporix {
@@ -209,6 +212,49 @@ TEST(ImageIO, FailedWritesLeaveNoFileAndAnOldFileWhole) {
     // A good write replaces it whole.
     ASSERT_TRUE(writePng(old, image, error));
     EXPECT_GT(test::readBytes(old).size(), 8u);
+}
+
+TEST(ImageIO, InjectedStorageFaultsLeaveTheOldImageWhole) {
+    test::TempDir dir;
+    const Image image = sampleImage();
+    const std::string png = dir.file("frame.png");
+    const std::string exr = dir.file("frame.exr");
+    std::string error;
+    ASSERT_TRUE(writePng(png, image, error));
+    ASSERT_TRUE(writeExr(exr, image, error));
+    const auto goodPng = test::readBytes(png);
+    const auto goodExr = test::readBytes(exr);
+    test::writeBytes(png, {7});
+    test::writeBytes(exr, {8});
+    using sys::FileOp;
+    // The PNG writer goes through every call of the seam; the EXR library writes by itself,
+    // so for it only the rename into place can fail.
+    for (FileOp op : {FileOp::Open, FileOp::Write, FileOp::Sync, FileOp::Close, FileOp::Rename})
+        for (int err : {EIO, ENOSPC, EACCES, EROFS}) {
+            SCOPED_TRACE(testing::Message() << "op " << int(op) << " errno " << err);
+            test::FaultPlan plan;
+            plan.failAll(op, err);
+            error.clear();
+            EXPECT_FALSE(writePng(png, image, error));
+            EXPECT_EQ(error, png + ": cannot be written: " + std::strerror(err));
+            EXPECT_EQ(test::readBytes(png), std::vector<uint8_t>{7});
+            if (op == FileOp::Rename) {
+                EXPECT_FALSE(writeExr(exr, image, error));
+                EXPECT_EQ(test::readBytes(exr), std::vector<uint8_t>{8});
+            }
+            int entries = 0;
+            for (const auto& e : std::filesystem::directory_iterator(dir.path())) {
+                (void)e;
+                ++entries;
+            }
+            EXPECT_EQ(entries, 2) << "a temporary file was left behind";
+        }
+    // Short writes and interruptions give the same file.
+    test::FaultPlan plan;
+    plan.shorten(sys::FileOp::Write, 7).fail(sys::FileOp::Write, 2, EINTR);
+    ASSERT_TRUE(writePng(png, image, error));
+    EXPECT_EQ(test::readBytes(png), goodPng);
+    (void)goodExr;
 }
 
 TEST(Image, ResizeRefusesSizesOutOfRangeAndClearsToTransparent) {

@@ -1,6 +1,8 @@
 // vaporix params: the parameters of a grid object, and parameter sets as JSON files.
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -246,7 +248,7 @@ int run(int argc, char** argv) {
         const std::string path = args.value("--save");
         const std::string text = writeParamsDocument(storage, args.has("--changed"));
         if (!writeFileAtomically(path, text.data(), text.size()))
-            return failure("params", path + ": cannot be written");
+            return failure("params", path + ": cannot be written: " + std::strerror(errno));
         return EXIT_OK;
     }
     printList(haveSet ? &storage : nullptr, args.has("--json"));

@@ -1,15 +1,18 @@
 // POSIX implementation of the file-system calls of cache sequences.
 #include "foundation/sys/Files.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
+
+#include "foundation/sys/FileAccess.h"
 
 namespace vaporix::sys {
 
@@ -24,31 +27,10 @@ bool isUsablePath(const std::string& path) {
     return true;
 }
 
-struct FdCloser {
-    int fd;
-    ~FdCloser() {
-        if (fd >= 0) ::close(fd);
-    }
-};
-
-// Writes all of `data`, retrying on EINTR and short writes.
-bool writeAll(int fd, const char* data, size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Copies the bytes of `in` to `out`: in the kernel where it can, else through a buffer.
 bool copyBytes(int in, int out) {
     for (;;) {
-        const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, size_t(1) << 30, 0);
+        const ssize_t n = copySome(in, out, size_t(1) << 20);
         if (n == 0) return true;
         if (n > 0) continue;
         if (errno == EINTR) continue;
@@ -57,7 +39,7 @@ bool copyBytes(int in, int out) {
     }
     std::vector<char> buffer(size_t(1) << 20);
     for (;;) {
-        const ssize_t n = ::read(in, buffer.data(), buffer.size());
+        const ssize_t n = readSome(in, buffer.data(), buffer.size());
         if (n == 0) return true;
         if (n < 0) {
             if (errno == EINTR) continue;
@@ -67,43 +49,30 @@ bool copyBytes(int in, int out) {
     }
 }
 
-// Renames without replacing an existing target. Falls back to a check and a rename on file
-// systems that don't offer the atomic form.
-bool renameNoReplace(const std::string& from, const std::string& to) {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
-        return true;
-    if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return false;
-    struct stat st;
-    if (::lstat(to.c_str(), &st) == 0) {
-        errno = EEXIST;
-        return false;
+// A fresh temporary file beside `to`, hidden and named so that a user can tell it from a
+// finished file.
+int openTemporaryBeside(const std::string& to, std::string& temp) {
+    static std::atomic<unsigned> counter{0};
+    const size_t slash = to.rfind('/');
+    const std::string folder = slash == std::string::npos ? std::string() : to.substr(0, slash + 1);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        temp = folder + ".vaporix-copy-" + std::to_string(::getpid()) + "_" +
+               std::to_string(counter.fetch_add(1));
+        const int fd = openFile(temp, O_WRONLY | O_CREAT | O_EXCL, 0600);
+        if (fd >= 0 || errno != EEXIST) return fd;
     }
-    return ::rename(from.c_str(), to.c_str()) == 0;
+    return -1;
 }
 
 }  // namespace
 
 bool listFolder(const std::string& folder, std::vector<FolderEntry>& entries) {
     entries.clear();
-    const std::string dirPath = folder.empty() ? std::string(".") : folder;
-    if (!isUsablePath(dirPath)) return false;
-    DIR* dir = ::opendir(dirPath.c_str());
-    if (!dir) return false;
-    const int dirFd = ::dirfd(dir);
-    while (dirent* e = ::readdir(dir)) {
-        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-        FolderEntry entry;
-        entry.name = e->d_name;
-        if (e->d_type == DT_DIR) {
-            entry.isFolder = true;
-        } else if (e->d_type == DT_LNK || e->d_type == DT_UNKNOWN) {
-            // The entry type doesn't say where a link leads; ask the file system.
-            struct stat st;
-            entry.isFolder = ::fstatat(dirFd, e->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
-        }
-        entries.push_back(std::move(entry));
-    }
-    ::closedir(dir);
+    if (!isUsablePath(folder.empty() ? std::string(".") : folder)) return false;
+    if (!readFolder(folder, entries)) return false;
+    // Name order (bytes), so that every file system gives the same answer.
+    std::sort(entries.begin(), entries.end(),
+              [](const FolderEntry& a, const FolderEntry& b) { return a.name < b.name; });
     return true;
 }
 
@@ -132,38 +101,43 @@ bool getFileId(const std::string& path, FileId& id) {
 }
 
 bool deleteFile(const std::string& path) {
-    return isUsablePath(path) && ::unlink(path.c_str()) == 0;
+    return isUsablePath(path) && removePath(path);
 }
 
 bool copyFile(const std::string& from, const std::string& to, bool overwrite) {
     if (!isUsablePath(from) || !isUsablePath(to)) return false;
-    const int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+    const int in = openFile(from, O_RDONLY);
     if (in < 0) return false;
-    FdCloser inCloser{in};
     struct stat st;
-    if (::fstat(in, &st) != 0) return false;
-    if (S_ISDIR(st.st_mode)) {
-        errno = EISDIR;
+    if (::fstat(in, &st) != 0 || S_ISDIR(st.st_mode)) {
+        const int err = S_ISDIR(st.st_mode) ? EISDIR : errno;
+        closeFile(in);
+        errno = err;
         return false;
     }
     if (!overwrite && ::access(to.c_str(), F_OK) == 0) {
+        closeFile(in);
         errno = EEXIST;
         return false;
     }
 
-    // Write beside the target under a short hidden name, then rename into place.
-    const size_t slash = to.rfind('/');
-    std::string temp = (slash == std::string::npos ? std::string() : to.substr(0, slash + 1)) +
-                       ".vaporix-copy-XXXXXX";
-    const int out = ::mkostemp(temp.data(), O_CLOEXEC);
-    if (out < 0) return false;
-    bool ok = copyBytes(in, out) && ::fchmod(out, st.st_mode & 07777) == 0;
+    // Write beside the target under a hidden name, sync, then rename into place.
+    std::string temp;
+    const int out = openTemporaryBeside(to, temp);
+    if (out < 0) {
+        const int err = errno;
+        closeFile(in);
+        errno = err;
+        return false;
+    }
+    bool ok = copyBytes(in, out) && ::fchmod(out, st.st_mode & 07777) == 0 && syncFile(out);
     int err = ok ? 0 : errno;
-    if (::close(out) != 0 && ok) {
+    if (!closeFile(out) && ok) {
         ok = false;
         err = errno;
     }
-    if (ok && !(overwrite ? ::rename(temp.c_str(), to.c_str()) == 0 : renameNoReplace(temp, to))) {
+    closeFile(in);
+    if (ok && !(overwrite ? renamePath(temp, to) : renameNoReplace(temp, to))) {
         ok = false;
         err = errno;
     }
@@ -176,13 +150,12 @@ bool copyFile(const std::string& from, const std::string& to, bool overwrite) {
 
 bool moveFile(const std::string& from, const std::string& to, bool overwrite) {
     if (!isUsablePath(from) || !isUsablePath(to)) return false;
-    const bool renamed =
-        overwrite ? ::rename(from.c_str(), to.c_str()) == 0 : renameNoReplace(from, to);
+    const bool renamed = overwrite ? renamePath(from, to) : renameNoReplace(from, to);
     if (renamed) return true;
     if (errno != EXDEV) return false;
     // Another file system: copy, then delete; undo the copy when the source can't go.
     if (!copyFile(from, to, overwrite)) return false;
-    if (::unlink(from.c_str()) == 0) return true;
+    if (removePath(from)) return true;
     const int err = errno;
     ::unlink(to.c_str());
     errno = err;

@@ -18,7 +18,7 @@ struct FolderEntry {
     bool isFolder = false;  ///< a folder, or a link to one
 };
 
-/// Lists `folder` ("" for the current folder) in the file system's own order, without "." and
+/// Lists `folder` ("" for the current folder) in name order (bytes), without "." and
 /// "..". False (and no entries) when the folder is missing or can't be read.
 bool listFolder(const std::string& folder, std::vector<FolderEntry>& entries);
 
