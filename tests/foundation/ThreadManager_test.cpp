@@ -139,7 +139,7 @@ TEST(ThreadManager, StartThreadRunsTheProcedureUnderItsName) {
     procedure.manager = &manager;
     int payload = 7;
     ASSERT_TRUE(manager.startThread(&procedure, &payload));
-    ASSERT_TRUE(procedure.done.wait(5000));
+    ASSERT_TRUE(procedure.done.wait(60000));  // a guard against a hang, not a time limit
     EXPECT_EQ(procedure.seenData, &payload);
     EXPECT_EQ(procedure.seenName, "NamedProcedure");  // cut to 15 characters by the platform
     EXPECT_EQ(procedure.seenIndex, 0);
@@ -301,7 +301,7 @@ TEST(ThreadManager, BulkThreadsFillOneNodeAfterTheOther) {
             }
         } probe;
         ASSERT_TRUE(manager.startThread(&probe, nullptr));
-        ASSERT_TRUE(probe.done.wait(5000));
+        ASSERT_TRUE(probe.done.wait(60000));  // a guard against a hang only
         EXPECT_EQ(probe.mask, process);
         ASSERT_TRUE(manager.waitForIdleThreads(manager.poolSize()));
     }

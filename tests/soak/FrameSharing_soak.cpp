@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "VxgBuilder.h"
 #include "cache/VaporixFrameData.h"
 
 #if __has_include(<sanitizer/allocator_interface.h>)

@@ -112,7 +112,19 @@ tool, frame, out = sys.argv[1:4]
 p = subprocess.Popen([tool, 'render', frame, '--size', '1000', '1000', '--samples', '4096',
                       '--threads', '1', '-o', out], stderr=subprocess.PIPE,
                      preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
-time.sleep(1.5)
+# Interrupt once the tool has taken over Ctrl-C (its handler shows in the caught-signal mask),
+# not after a guess at how long it takes to start.
+def catches_sigint():
+    try:
+        with open('/proc/%d/status' % p.pid) as f:
+            for line in f:
+                if line.startswith('SigCgt:'):
+                    return int(line.split()[1], 16) & (1 << (signal.SIGINT - 1))
+    except OSError:
+        pass
+    return False
+while p.poll() is None and not catches_sigint():
+    time.sleep(0.01)
 p.send_signal(signal.SIGINT)
 err = p.communicate(timeout=60)[1].decode()
 assert p.returncode == 1, (p.returncode, err)

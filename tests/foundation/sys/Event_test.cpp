@@ -49,7 +49,7 @@ TEST(Event, SetWakesAWaiterOnAnotherThread) {
         back.set();
     });
     go.set();
-    EXPECT_TRUE(back.wait(5000));
+    EXPECT_TRUE(back.wait(60000));  // a guard against a hang, not a time limit
     t.join();
     EXPECT_EQ(woken.load(), 1);
 
