@@ -97,8 +97,10 @@ LoadFrameResult* VaporixFrame::loadFrame(LoadFrameResult* out,
             std::string nearest;
             if (findFrameFile(pathText, frame, false, nearest)) sameFile = nearest == currentFile;
         }
-        // Another time that leads to the same file is the same request.
-        if ((single || sameFile) && cacheTime != NO_TIME) lastTime = cacheTime;
+        // Another time that leads to the same file is the same request, unless the frame held
+        // was marked for a reload (lastTime cleared after a change of smoothing settings).
+        if ((single || sameFile) && cacheTime != NO_TIME && lastTime != NO_TIME)
+            lastTime = cacheTime;
         if (lastTime == cacheTime && lastPath == pathText && currentChannelMap == mapText &&
             (headerOnly || !(current->frameFlags & FRAME_HEADER_ONLY))) {
             out->code = 1;
@@ -124,11 +126,16 @@ LoadFrameResult* VaporixFrame::loadFrame(LoadFrameResult* out,
         result = loadBlendedFrames(frame, loopPartner, loopBlend, method, tpf, pathText, exact,
                                    noRetry, loopOverlap, mapText);
     } else {
-        releaseFrame(blendSourceA);
-        releaseFrame(blendSourceB);
+        // The last blend's sources are let go after the load: when the frame is one of them
+        // (playing on from a blend) it is taken over, not read again.
+        VaporixFrameData* oldA = blendSourceA;
+        VaporixFrameData* oldB = blendSourceB;
         blendSourceA = blendSourceB = nullptr;
-        if (!loadPlainFrame(frame, cacheTime, pathText, emptySize, emptyScale, noRetry, keepAxes,
-                            exact, headerOnly, mapText)) {
+        const bool loaded = loadPlainFrame(frame, cacheTime, pathText, emptySize, emptyScale,
+                                           noRetry, keepAxes, exact, headerOnly, mapText);
+        releaseFrame(oldA);
+        releaseFrame(oldB);
+        if (!loaded) {
             out->code = FRAME_RESULT_NONE;
             out->text.clear();
             return out;
@@ -228,9 +235,15 @@ LoadFrameResult VaporixFrame::loadBlendedFrames(int frameA,
                                                 const char* channelMap) {
     (void)tpf;
     LoadFrameResult result;
-    releaseCurrent();
-    source = nullptr;
+    // The frame held is let go only after the sources are fetched: when it is one of them
+    // (playing on from a whole frame into a blend) it is reused, not read again.
+    VaporixFrameData* oldCurrent = current;
+    current = source = nullptr;
     currentFile.clear();
+    struct ReleaseAtEnd {
+        VaporixFrameData* frame;
+        ~ReleaseAtEnd() { releaseFrame(frame); }
+    } releaseOld{oldCurrent};
 
     if ((method & 0xFFFF) == BLEND_HEADER_ONLY) {
         // Header-only blend: the boxes and times of both frames, no channel data.
