@@ -36,9 +36,7 @@ fuzz: deps
 FUZZ_SECONDS ?= 20
 fuzz-smoke: deps
 	cmake --preset fuzz >/dev/null
-	cmake --build --preset fuzz -j $(JOBS) --target fuzz_sg_decoder fuzz_vxg_reader
-	cmake --build --preset fuzz -j $(JOBS) --target fuzz_particle_section fuzz_param_json \
-		fuzz_path_template fuzz_cli_options
+	cmake --build --preset fuzz -j $(JOBS) --target fuzz_all
 	scripts/fuzz-smoke.sh build/fuzz $(FUZZ_SECONDS)
 
 # Two threads sharing frames for a few minutes, under TSan and then under ASan (not in `make test`).

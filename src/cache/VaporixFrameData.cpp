@@ -157,6 +157,7 @@ void VaporixFrameData::clearContents() {
 
 void VaporixFrameData::clearBlendScratch() {
     for (auto*& b : blendSource) freeFloats(b);
+    blendSourceCells = 0;
 }
 
 void VaporixFrameData::resetHeader(bool headerOnly) {

@@ -56,9 +56,22 @@ constexpr float RANGE_UNKNOWN_MIN = 3.4028235e38f;
 constexpr float RANGE_UNKNOWN_MAX = -3.4028235e38f;
 constexpr float PARTICLE_BOX_EMPTY = 1e20f;
 
-/// Status and text of a frame load.
+/// Result codes of a frame request (a blend sets 0, 3 or 4 and otherwise leaves 5).
+constexpr int32_t FRAME_RESULT_NONE = 0;
+constexpr int32_t FRAME_RESULT_NO_ID = 3;
+constexpr int32_t FRAME_RESULT_NO_AGE = 4;
+constexpr int32_t FRAME_RESULT_NEW = 5;
+
+/// Blend method words: the low byte picks the grid method, the next byte the particle method.
+constexpr int BLEND_GRID_INTERPOLATION = 0;
+constexpr int BLEND_GRID_VELOCITY = 1;
+constexpr int BLEND_PARTICLES_BY_ID = 0;
+constexpr int BLEND_PARTICLES_BY_AGE = 1;
+constexpr int BLEND_HEADER_ONLY = 65535;
+
+/// Status and text of a frame load: the code and the names of the particle groups concerned.
 struct LoadFrameResult {
-    int32_t code = 0;
+    int32_t code = FRAME_RESULT_NEW;
     iString text;
 };
 
@@ -116,6 +129,10 @@ public:
     float velocityScale = 1.0f;
     int32_t refCount = -1;
     uint8_t axesSwapped = 0;
+    /// Cells that each array of `blendSource` holds, so that a reuse can be checked.
+    int64_t blendSourceCells = 0;
+    /// Jobs of the blend's passes (-1: the global thread count).
+    int blendThreads = -1;
 
     VaporixFrameData();
     VaporixFrameData(const VaporixFrameData&) = delete;
@@ -162,6 +179,19 @@ public:
     int WriteVxg(const char* path, uint32_t mask);
     /// Builds the name from `pattern` and frameNumber, then WriteVxg with up to 6 attempts.
     int SaveFrame(const char* pattern, uint32_t mask);
+
+    /// Makes this frame the mix of A and B at weight `t` of B (FrameBlend.cpp). `method`: low
+    /// byte the grid method (0 cell by cell, 1 along the velocity, other: header only), next byte
+    /// the particle method (0 by ID, 1 by age, other: none). `sourcesChanged` false reuses the
+    /// velocity traces of the previous call; `overlapTime` is the loop overlap in seconds.
+    /// @return code 0 on failure (logged), 3 or 4 when groups lacked IDs or ages (their names
+    /// in `text`), 5 otherwise.
+    LoadFrameResult Blend(const VaporixFrameData& A,
+                          const VaporixFrameData& B,
+                          float t,
+                          int method,
+                          bool sourcesChanged,
+                          float overlapTime);
 
     bool initEmpty(const float size[3], float cellScale, bool unitScale);
     void toggleAxisSwap();

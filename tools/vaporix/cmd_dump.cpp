@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "CacheArg.h"
+#include "Playback.h"
 #include "Command.h"
 #include "FileOut.h"
 #include "cache/VaporixFrameData.h"
@@ -10,8 +11,9 @@ namespace vaporix::cli {
 namespace {
 
 const char* USAGE =
-    "usage: vaporix dump FILE|PATTERN [--frame N] --channel N -o OUT.f32\n"
-    "       vaporix dump FILE|PATTERN [--frame N] --group NAME --pchannel C -o OUT.bin\n"
+    "usage: vaporix dump FILE|PATTERN [--frame F] [--fps N] [--params FILE] [--set ...]...\n"
+    "                    --channel N -o OUT.f32\n"
+    "       vaporix dump FILE|PATTERN [--frame F] ... --group NAME --pchannel C -o OUT.bin\n"
     "\n"
     "Writes grid channel N of a cache frame, expanded, as little-endian float32 values with x\n"
     "running fastest (index = x + sizeX * (y + sizeY * z)); or particle channel C of a group,\n"
@@ -21,11 +23,13 @@ const char* USAGE =
 int run(int argc, char** argv) {
     Args args;
     std::string error;
-    if (!args.parse(argc, argv, 2, {{"--channel", 1}, {"--group", 1}, {"--pchannel", 1}, {"-o", 1}, frameOption(),
-                     {"--help"}, {"-h"}}, error))
-        return usageError("dump", error);
+    std::vector<OptionSpec> specs = {{"--channel", 1}, {"--group", 1}, {"--pchannel", 1},
+                                     {"-o", 1},        {"--help"},     {"-h"}};
+    for (const OptionSpec& o : playbackOptions()) specs.push_back(o);
+    if (!args.parse(argc, argv, 2, specs, error)) return usageError("dump", error);
     if (args.has("--help") || args.has("-h")) {
         std::fputs(USAGE, stdout);
+        std::fputs(PLAYBACK_HELP, stdout);
         return EXIT_OK;
     }
     if (args.positional.size() != 1) return usageError("dump", "expected one FILE");
@@ -38,15 +42,15 @@ int run(int argc, char** argv) {
         channel >= CHANNEL_COUNT)
         return usageError("dump", which + " needs an ordinal from 0 to 31");
     if (!args.has("-o")) return usageError("dump", "-o OUT is required");
+    CliPlayback playback;
+    VaporixFrameData own;
+    VaporixFrameData* shown = nullptr;
     std::string path;
-    if (const int rc = resolveCacheArg("dump", args.positional[0], args, path); rc != EXIT_OK)
+    if (const int rc =
+            loadCacheArgFrame("dump", args.positional[0], args, false, playback, own, shown, path);
+        rc != EXIT_OK)
         return rc;
-
-    VaporixFrameData frame;
-    const int status = frame.importFile(path.c_str(), "", 0, true, false, false);
-    if (status != LOAD_OK)
-        return failure("dump", path + ": " + loadStatusText(status) + " (status " +
-                                   std::to_string(status) + ")");
+    VaporixFrameData& frame = *shown;
     const int c = static_cast<int>(channel);
     if (particles) {
         auto* group = static_cast<PGroup*>(frame.FindParticleGroup(args.value("--group")));

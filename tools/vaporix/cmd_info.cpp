@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "CacheArg.h"
+#include "Playback.h"
 #include "Command.h"
 #include "Json.h"
 #include "cache/VaporixFrameData.h"
@@ -10,7 +11,8 @@ namespace vaporix::cli {
 namespace {
 
 const char* USAGE =
-    "usage: vaporix info FILE|PATTERN [--frame N] [--json] [--header-only]\n"
+    "usage: vaporix info FILE|PATTERN [--frame F] [--fps N] [--params FILE] [--set NAME=VALUE]...\n"
+    "                    [--json] [--header-only]\n"
     "\n"
     "Prints the header of a cache frame: grid size and transform, channels with their value\n"
     "ranges, frame number and times, comment, particle groups and the particle box.\n"
@@ -133,17 +135,37 @@ void writeText(VaporixFrameData& frame, const std::string& path, int version, bo
 int run(int argc, char** argv) {
     Args args;
     std::string error;
-    if (!args.parse(argc, argv, 2, {{"--json"}, {"--header-only"}, frameOption(), {"--help"}, {"-h"}}, error))
-        return usageError("info", error);
+    std::vector<OptionSpec> specs = {{"--json"}, {"--header-only"}, {"--help"}, {"-h"}};
+    for (const OptionSpec& o : playbackOptions()) specs.push_back(o);
+    if (!args.parse(argc, argv, 2, specs, error)) return usageError("info", error);
     if (args.has("--help") || args.has("-h")) {
         std::fputs(USAGE, stdout);
+        std::fputs(PLAYBACK_HELP, stdout);
         return EXIT_OK;
     }
     if (args.positional.size() != 1) return usageError("info", "expected one FILE");
+    const bool headerOnly = args.has("--header-only");
+    if (args.has("--frame")) {
+        // A scene frame: what playback provides at that time.
+        CliPlayback playback;
+        VaporixFrameData own;
+        VaporixFrameData* frame = nullptr;
+        std::string label;
+        if (const int rc = loadCacheArgFrame("info", args.positional[0], args, headerOnly,
+                                             playback, own, frame, label);
+            rc != EXIT_OK)
+            return rc;
+        const std::string& file = playback.playback().frame.currentFile;
+        const int version = file.empty() ? -1 : vxgFileVersion(file.c_str());
+        if (args.has("--json"))
+            writeJson(*frame, label, LOAD_OK, version, headerOnly);
+        else
+            writeText(*frame, label, version, headerOnly);
+        return EXIT_OK;
+    }
     std::string path;
     if (const int rc = resolveCacheArg("info", args.positional[0], args, path); rc != EXIT_OK)
         return rc;
-    const bool headerOnly = args.has("--header-only");
     VaporixFrameData frame;
     const int status = headerOnly ? frame.importHeader(path.c_str(), "")
                                   : frame.importFile(path.c_str(), "", 0, true, false, false);

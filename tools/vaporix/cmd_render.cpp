@@ -1,12 +1,15 @@
 // vaporix render: one cache frame rendered by the stand-alone renderer to PNG or OpenEXR.
 #include <chrono>
+#include <cmath>
 #include <climits>
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "CacheArg.h"
+#include "Playback.h"
 #include "Command.h"
+#include "foundation/FramePattern.h"
 #include "standalone/GridObject.h"
 #include "standalone/ImageIO.h"
 #include "standalone/Renderer.h"
@@ -16,7 +19,8 @@ namespace vaporix::cli {
 namespace {
 
 const char* USAGE =
-    "usage: vaporix render FILE|PATTERN [--frame N] [--params FILE.json] [--set NAME=VALUE]...\n"
+    "usage: vaporix render FILE|PATTERN [--frame F] [--fps N] [--params FILE.json]\n"
+    "                      [--set NAME=VALUE]...\n"
     "                      [--camera PX PY PZ TX TY TZ FOV] [--light LIGHT]... [--size W H]\n"
     "                      [--samples N] [--threads N] [--seed N] [--ground]\n"
     "                      [--background R G B] [-q] -o OUT.png|OUT.exr\n"
@@ -24,8 +28,12 @@ const char* USAGE =
     "Renders one cache frame with the volume shader. Without --camera the camera frames the\n"
     "grid's box from a three-quarter view (front right, above); without --light one white key\n"
     "light shines from the front left above, with a little ambient light. The world is Z-up.\n"
-    "  --frame N          with a frame pattern (smoke_####.vxg): the file of frame N (default:\n"
-    "                     the sequence's first frame)\n"
+    "  --frame F          the scene frame F (may be fractional), mapped to cache frames by the\n"
+    "                     playback parameters (play_speed, inpoffset, playat, inplength, t2f,\n"
+    "                     animmode, loopjnt, frmblend, loadnearest, smoothing); with the\n"
+    "                     defaults scene frame N is cache frame N (default: the sequence's\n"
+    "                     first frame)\n"
+    "  --fps N            scene frames a second (default 30)\n"
     "  --params FILE.json a parameter set, as 'vaporix params --save' writes it\n"
     "  --set NAME=VALUE   set a parameter after --params (repeatable; forms as in\n"
     "                     'vaporix params --help')\n"
@@ -67,6 +75,7 @@ int run(int argc, char** argv) {
     std::string error;
     if (!args.parse(argc, argv, 2,
                     {frameOption(),
+                     {"--fps", 1},
                      {"--params", 1},
                      {"--set", 1, true},
                      {"--camera", 7},
@@ -149,23 +158,26 @@ int run(int argc, char** argv) {
     }
     const bool quiet = args.has("-q");
 
-    // The frame and its look.
+    // The frame and its look: the parameters first, since playback maps --frame with them.
+    CliPlayback playback;
+    VaporixFrameData own;
+    VaporixFrameData* shown = nullptr;
     std::string file;
-    if (int status = resolveCacheArg(CMD, args.positional[0], args, file); status != EXIT_OK)
-        return status;
-    long long frameNumber = 0;
-    if (args.has("--frame")) parseInt(args.value("--frame"), frameNumber);  // checked above
-    GridObject object;
-    if (object.loadFrame(file, static_cast<int>(frameNumber), error) != 0)
-        return failure(CMD, error);
-    if (args.has("--params")) {
-        std::vector<std::string> warnings;
-        if (!object.loadParams(args.value("--params"), warnings, error)) return failure(CMD, error);
-        for (const std::string& w : warnings)
-            std::fprintf(stderr, "vaporix render: %s\n", w.c_str());
-    }
-    for (const auto& use : args.uses("--set"))
-        if (!object.applySetting(use[0], error)) return usageError(CMD, error);
+    if (const int rc =
+            loadCacheArgFrame(CMD, args.positional[0], args, false, playback, own, shown, file);
+        rc != EXIT_OK)
+        return rc;
+    // The parameter time: the scene frame; without one, frame 0 of a sequence or the frame
+    // number of a plain file.
+    double sceneFrame = 0;
+    std::string folder, name;
+    splitPath(folder, toNativeSeparators(args.positional[0]), name);
+    if (args.has("--frame"))
+        parseFloat(args.value("--frame"), sceneFrame);  // checked above
+    else if (!hasFramePattern(name))
+        sceneFrame = shown->frameNumber;
+    GridObject& object = playback.object();
+    object.setFrame(shown, static_cast<int>(std::lround(sceneFrame)));
     if (!object.prepare(error)) return failure(CMD, file + ": " + error);
 
     // The view: what the command line leaves open comes from the default view.
