@@ -403,6 +403,7 @@ void VolumeShader::freeFrameData() {
     flags &= ~hasDisplacement;
     motionBlur.release();
     motionBlur.velocityAvailable = false;
+    displacement.release();
     velocityChannel[0] = velocityChannel[1] = velocityChannel[2] = nullptr;
 }
 
@@ -533,6 +534,8 @@ void VolumeShader::SetupShader(const VaporixParams& params,
     const int alDecay = getInt("al_decay");
     if (alDecay >= 0 && alDecay <= 2) decayMode = alDecay;
     mbSmooth = getInt("mbsmooth");
+    const int displ2d = getInt("displ2d");
+    if (displ2d >= 0 && displ2d <= 3) displaceMode = displ2d;
 
     // Transparency values: always a transparency to stop at and an opacity to skip under.
     const float sceneScale = SceneScale(setup.objectToWorld.m);
@@ -722,7 +725,10 @@ void VolumeShader::sample(
     if (!(flags & volumeReady)) return;
     std::memcpy(out.position, position, sizeof out.position);
     if (!mask) return;
-    // Motion moves the sample point to where what shows at its time came from.
+    // Displacement moves the sample point off the surface; motion to where what shows at the
+    // sample's time came from.
+    if ((flags & hasDisplacement) && !(mask & SAMPLE_NO_DISPLACEMENT))
+        displacement.apply(*this, out.position);
     if (flags & motionBlurTM) motionBlur.ApplyMotion(*this, out.position, time);
     if ((mask & 0xffu) && gridSize[0] > 0 && gridSize[1] > 0 && gridSize[2] > 0) {
         float v[7] = {0, 0, 0, 0, 0, 0, 0};

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "cache/GridTransform.h"
+#include "render/Displacement.h"
 #include "render/MotionBlur.h"
 #include "render/ShadingTables.h"
 #include "render/Texture.h"
@@ -488,6 +489,8 @@ public:
     const float* velocityChannel[3] = {nullptr, nullptr, nullptr};
     /// Motion blur of the frame (its field is built by a pre-pass).
     MotionBlur motionBlur;
+    /// Displacement of the frame (built by a pre-pass; `hasDisplacement` when ready).
+    Displacement displacement;
     /// The textures of the slots (TextureSlot order; null for an empty slot).
     std::shared_ptr<const Texture> textures[TEXTURE_SLOTS];
     /// Grid to object space, for the textures; the frame's time in seconds.

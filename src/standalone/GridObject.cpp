@@ -181,6 +181,20 @@ bool GridObject::prepare(std::string& error) {
             }
         }
     }
+
+    // Displacement (a multiplier of 0 skips it).
+    if (displacementOn && mShader.displaceMult != 0.0f) {
+        mShader.displacement.threads = threads;
+        mShader.displacement.progress = progress;
+        const int cancelled = mShader.displacement.PrepareDisplacement(mShader, false);
+        mShader.displacement.progress = nullptr;
+        if (cancelled) {
+            error = "cancelled";
+            return false;
+        }
+        // The samples read other values now: the blocks known to be empty are found again.
+        mShader.buildEmptyBlocks();
+    }
     return true;
 }
 
