@@ -367,13 +367,29 @@ VolumeShader::VolumeShader() = default;
 
 VolumeShader::~VolumeShader() { freeFrameData(); }
 
-void VolumeShader::EvalTexture(float outColor[3], int, const float*, const float*) const {
-    zero3(outColor);
+void VolumeShader::EvalTexture(float outColor[3],
+                               int kind,
+                               const float*,
+                               const float* position) const {
+    const Texture* texture = kind >= 0 && kind < TEXTURE_SLOTS ? textures[kind].get() : nullptr;
+    if (!texture) {
+        zero3(outColor);
+        return;
+    }
+    float p[3];
+    gridToObjectTM.apply(position, p);
+    texture->evaluate(outColor, p, textureTime);
 }
 
-bool VolumeShader::HasTexture(int) const { return false; }
+bool VolumeShader::HasTexture(int kind) const {
+    return kind >= 0 && kind < TEXTURE_SLOTS && textures[kind] != nullptr;
+}
 
-void VolumeShader::EvalVelocity(float out[3], const float*) const { zero3(out); }
+void VolumeShader::EvalVelocity(float out[3], const float* position) const {
+    for (int a = 0; a < 3; ++a)
+        out[a] = velocityChannel[a] ? readLinear(velocityChannel[a], gridSize, wrapMask, position)
+                                    : 0.0f;
+}
 
 void VolumeShader::freeFrameData() {
     delete[] lightCache;
@@ -385,6 +401,10 @@ void VolumeShader::freeFrameData() {
     transparencyMap = nullptr;
     selfIllumMap = nullptr;
     flags &= ~hasDisplacement;
+    motionBlur.release();
+    motionBlur.velocityAvailable = false;
+    displacement.release();
+    velocityChannel[0] = velocityChannel[1] = velocityChannel[2] = nullptr;
 }
 
 void VolumeShader::InitVolume(const int size[3]) {
@@ -458,6 +478,8 @@ void VolumeShader::SetupShader(const VaporixParams& params,
             gridToWorldTM[e] = GridTransform::identity();
     }
     normalTM = worldToGridTM[0];
+    if (!frame.gridTransform.inverse(gridToObjectTM)) gridToObjectTM = GridTransform::identity();
+    textureTime = static_cast<float>(time / (TICKS_PER_FRAME * 30.0));
     for (int a = 0; a < 3; ++a) {
         const float* row = &gridToWorldTM[0].m[3 * a];
         cellSize[a] = std::sqrt(row[0] * row[0] + row[1] * row[1] + row[2] * row[2]);
@@ -474,6 +496,7 @@ void VolumeShader::SetupShader(const VaporixParams& params,
     if (geommode == 0) flags |= pureVolumetric;
     if (getInt("jitter")) flags |= jitter;
     if (getInt("invgizmo")) flags |= invertGizmo;
+    if (setup.motionBlur) flags |= motionBlurTM;
 
     InitVolume(frame.gridSize);
 
@@ -511,6 +534,8 @@ void VolumeShader::SetupShader(const VaporixParams& params,
     const int alDecay = getInt("al_decay");
     if (alDecay >= 0 && alDecay <= 2) decayMode = alDecay;
     mbSmooth = getInt("mbsmooth");
+    const int displ2d = getInt("displ2d");
+    if (displ2d >= 0 && displ2d <= 3) displaceMode = displ2d;
 
     // Transparency values: always a transparency to stop at and an opacity to skip under.
     const float sceneScale = SceneScale(setup.objectToWorld.m);
@@ -696,12 +721,15 @@ void VolumeShader::gridToWorldVector(const float in[3], float out[3], float time
 
 void VolumeShader::sample(
     VolumeSample& out, const float position[3], uint32_t mask, int samplerKind, float time) const {
-    (void)time;
     out = VolumeSample{};
     if (!(flags & volumeReady)) return;
     std::memcpy(out.position, position, sizeof out.position);
     if (!mask) return;
-    // Displacement and motion offsets move the sample point; neither is built here yet.
+    // Displacement moves the sample point off the surface; motion to where what shows at the
+    // sample's time came from.
+    if ((flags & hasDisplacement) && !(mask & SAMPLE_NO_DISPLACEMENT))
+        displacement.apply(*this, out.position);
+    if (flags & motionBlurTM) motionBlur.ApplyMotion(*this, out.position, time);
     if ((mask & 0xffu) && gridSize[0] > 0 && gridSize[1] > 0 && gridSize[2] > 0) {
         float v[7] = {0, 0, 0, 0, 0, 0, 0};
         const int kind = samplerKind < 0 || samplerKind > 2 ? 1 : samplerKind;

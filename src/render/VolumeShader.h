@@ -9,7 +9,10 @@
 #include <new>
 
 #include "cache/GridTransform.h"
+#include "render/Displacement.h"
+#include "render/MotionBlur.h"
 #include "render/ShadingTables.h"
+#include "render/Texture.h"
 
 namespace vaporix {
 
@@ -243,6 +246,8 @@ struct ShaderSetup {
     uint32_t renderFlags = RF_GI_VISIBLE | RF_LIT_BY_SCATTER;
     /// Multiplier of the colour seen by GI rays.
     float giMultiplier = 1.0f;
+    /// The renderer's motion blur is on: transforms follow the time and samples are offset.
+    bool motionBlur = false;
 };
 
 /// The marcher of one grid object for one frame. Set up once per frame, then read-only for the
@@ -281,13 +286,14 @@ public:
     VolumeShader& operator=(const VolumeShader&) = delete;
 
     // Texture access; the renderer's bridge overrides these. Kinds: 0 emission, 1 diffuse,
-    // 2 opacity, 3 surface, 4 to 6 displacement levels.
+    // 2 opacity, 3 surface, 4 to 6 displacement levels. By default they read `textures` at the
+    // grid position taken to object space, at `textureTime`.
     virtual void EvalTexture(float outColor[3],
                              int kind,
                              const float sampleRGB[3],
                              const float position[3]) const;
     virtual bool HasTexture(int kind) const;
-    /// The velocity at a grid position (world units per frame); zero without a velocity field.
+    /// The velocity channels at a grid position (trilinear, clamped); zero without them.
     virtual void EvalVelocity(float out[3], const float position[3]) const;
 
     /// Frees the per-frame caches, sets `volumeReady` and the box; allocates the light cache when
@@ -481,6 +487,22 @@ public:
     int reducedSize[3] = {0, 0, 0};
     float reducedScale = 1.0f;
 
+    /// Velocity channels x, y, z (null without them; see attachVelocity).
+    const float* velocityChannel[3] = {nullptr, nullptr, nullptr};
+    /// Motion blur of the frame (its field is built by a pre-pass).
+    MotionBlur motionBlur;
+    /// Displacement of the frame (built by a pre-pass; `hasDisplacement` when ready).
+    Displacement displacement;
+    /// The textures of the slots (TextureSlot order; null for an empty slot).
+    std::shared_ptr<const Texture> textures[TEXTURE_SLOTS];
+    /// Grid to object space, for the textures; the frame's time in seconds.
+    GridTransform gridToObjectTM;
+    float textureTime = 0.0f;
+
+    /// Finds the blocks of cells that no sample can see (see `emptyBlocks`). SetupShader runs
+    /// it; a pre-pass that changes what samples read runs it again.
+    void buildEmptyBlocks();
+
 private:
     /// Works out a segment's fixed step values at its first step. @return false when its step
     /// cannot move the ray on.
@@ -489,8 +511,6 @@ private:
     /// or the segment ends.
     template <typename F>
     void marchShadow(VolumeSegment& seg, Illuminator& illum, SegmentList& list, F&& onStep) const;
-    /// Finds the blocks of cells that no sample can see (see `emptyBlocks`).
-    void buildEmptyBlocks();
     /// True when the block around a grid position is empty. Positions lie inside the box, give
     /// or take a rounding; they are clamped to the blocks.
     bool inEmptyBlock(const float pos[3]) const {

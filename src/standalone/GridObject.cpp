@@ -2,6 +2,7 @@
 #include "standalone/GridObject.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -60,6 +61,7 @@ int GridObject::loadFrame(const std::string& pattern, int frame, std::string& er
     }
     mFrame = slot;
     mShared = true;
+    displayName = pattern;
     // A plain file name serves any frame: its own frame number gives the time then. Only a
     // pattern in the file name makes a sequence (a '#' in a folder name does not).
     std::string folder, name;
@@ -126,10 +128,72 @@ bool GridObject::prepare(std::string& error) {
     ShaderSetup setup;
     setup.objectToWorld = objectToWorld;
     setup.objectToWorldEnd = objectToWorld;
+    setup.motionBlur = motionBlur;
+    prepareWarnings.clear();
+
+    // The texture slots; those of the displacement only when it is on.
+    const bool displacementOn = mParams.getInt("displacement", mTime) != 0;
+    for (int k = 0; k < TEXTURE_SLOTS; ++k) {
+        mShader.textures[k].reset();
+        const char* slot = textureSlotName(k);
+        if (!slot || (k >= TEX_DISPL0 && !displacementOn)) continue;
+        const std::string spec = mParams.getString(slot, mTime);
+        if (spec.empty()) continue;
+        std::string problem;
+        mShader.textures[k] = parseTextureSpec(spec, problem);
+        if (!mShader.textures[k]) {
+            error = std::string(slot) + ": " + problem;
+            return false;
+        }
+    }
+    setup.textures.emission = mShader.HasTexture(TEX_EMISSION);
+    setup.textures.diffuse = mShader.HasTexture(TEX_DIFFUSE);
+    setup.textures.opacity = mShader.HasTexture(TEX_OPACITY);
+    setup.textures.surface = mShader.HasTexture(TEX_SURFACE);
+
     mShader.SetupShader(mParams, mTables, *mFrame, setup, mTime, false);
     if (!(mShader.flags & VolumeShader::volumeReady)) {
         error = "the volume shader could not be set up";
         return false;
+    }
+
+    // Motion blur: the motion path field from the velocity channels.
+    if (motionBlur) {
+        MotionBlur& motion = mShader.motionBlur;
+        if (!attachVelocity(mShader, *mFrame)) {
+            char text[1024];
+            std::snprintf(text, sizeof text, MOTION_BLUR_NO_VELOCITY_WARNING, displayName.c_str());
+            prepareWarnings.push_back(text);
+        } else {
+            motion.motionScale = mShader.velocityScale * mParams.getFloat("mbmult", mTime);
+            motion.playSpeed = mShader.playSpeed;
+            motion.shutterScale = shutterClose - shutterOpen;
+            MotionBlurSettings settings;
+            settings.tStart = shutterOpen;
+            settings.tEnd = shutterClose;
+            settings.mbSmooth = mShader.mbSmooth;
+            settings.threads = threads;
+            settings.progress = progress;
+            if (motion.BuildMotionBlur(mShader, settings) != 0) {
+                motion.release();
+                error = "cancelled";
+                return false;
+            }
+        }
+    }
+
+    // Displacement (a multiplier of 0 skips it).
+    if (displacementOn && mShader.displaceMult != 0.0f) {
+        mShader.displacement.threads = threads;
+        mShader.displacement.progress = progress;
+        const int cancelled = mShader.displacement.PrepareDisplacement(mShader, false);
+        mShader.displacement.progress = nullptr;
+        if (cancelled) {
+            error = "cancelled";
+            return false;
+        }
+        // The samples read other values now: the blocks known to be empty are found again.
+        mShader.buildEmptyBlocks();
     }
     return true;
 }

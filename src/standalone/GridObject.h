@@ -54,11 +54,29 @@ public:
     /// The object's node transform, object to world (row vectors).
     GridTransform objectToWorld;
 
+    /// Motion blur of the render: set before `prepare`. With it the velocity channels are read
+    /// and the motion path field is built (a warning when the frame has no velocity).
+    bool motionBlur = false;
+    /// The shutter as fractions of a frame (open <= close).
+    float shutterOpen = 0.0f;
+    float shutterClose = 0.5f;
+    /// Threads of the pre-passes (-1: all); their results do not depend on it.
+    int threads = -1;
+    /// Progress texts and abort of the pre-passes (may be null).
+    ProgressCallback* progress = nullptr;
+    /// Warnings of the last `prepare` (a frame without velocity under motion blur, ...).
+    std::vector<std::string> prepareWarnings;
+    /// The object's name in messages (the cache path once a frame is loaded).
+    std::string displayName = "grid";
+
     /// Parameter time of the frame, in host ticks.
     double time() const { return mTime; }
 
-    /// Builds the shading tables from the frame's channel ranges and sets the shader up.
-    /// @return false with `error` when there is no frame or the grid is empty.
+    /// Builds the shading tables from the frame's channel ranges, reads the textures of the
+    /// slots (`etxt` ... `displ2`, the displacement ones only with `displacement` on), sets the
+    /// shader up and runs the frame's pre-passes (motion blur, displacement).
+    /// @return false with `error` when there is no frame, the grid is empty, a texture
+    /// description doesn't parse, or a pre-pass was cancelled.
     bool prepare(std::string& error);
 
     /// The shader, ready after `prepare`.

@@ -40,6 +40,7 @@ void traceCameraRay(const RenderContext& ctx,
                     StandaloneIlluminator& illuminator,
                     double x,
                     double y,
+                    float time,
                     RaySample& out) {
     const RenderSettings& s = *ctx.settings;
     double dir[3];
@@ -66,7 +67,7 @@ void traceCameraRay(const RenderContext& ctx,
         for (int c = 0; c < 3; ++c) illuminator.transparency[c] = 1.0f;
         illuminator.imagePosition[0] = static_cast<float>(x);
         illuminator.imagePosition[1] = static_cast<float>(y);
-        VolumeShader::TraceVolumes(from, to, out.volume, out.transmittance, illuminator, s.time,
+        VolumeShader::TraceVolumes(from, to, out.volume, out.transmittance, illuminator, time,
                                    ctx.shaders.data(), static_cast<int>(ctx.shaders.size()), true,
                                    1.0f, 0);
     }
@@ -109,8 +110,16 @@ void renderTile(const RenderContext& ctx,
                     sx = illuminator.Random();
                     sy = illuminator.Random();
                 }
+                // Times come from a hash of their own: the positions' random numbers stay
+                // those of a render without motion blur.
+                float time = s.time;
+                if (s.motionBlur) {
+                    const uint32_t h = hashSeed(seed, static_cast<uint32_t>(k), 0x7f4a7c15u);
+                    const float u = static_cast<float>(h >> 8) * (1.0f / 16777216.0f);
+                    time = (static_cast<float>(k) + u) / static_cast<float>(s.samples);
+                }
                 RaySample ray;
-                traceCameraRay(ctx, illuminator, x + sx, y + sy, ray);
+                traceCameraRay(ctx, illuminator, x + sx, y + sy, time, ray);
                 for (int c = 0; c < 3; ++c) {
                     beauty[c] += ray.volume[c] + ray.transmittance[c] * ray.behind[c];
                     volume[c] += ray.volume[c];

@@ -36,8 +36,12 @@ struct RenderSettings {
     uint32_t frameSeed = 0;
     /// Camera rays per pixel: 1 goes through the pixel centre, more are jittered inside it.
     int samples = 1;
-    /// Motion blur time of the rays.
+    /// Motion blur time of the rays (0..1 over the shutter) without `motionBlur`.
     float time = 0.0f;
+    /// Camera rays take times spread over the shutter: sample k of n of a pixel at
+    /// (k + u) / n, u from the pixel's own hash, so the image is the same for any thread count.
+    /// The objects must have been prepared with motion blur for the volumes to move.
+    bool motionBlur = false;
     /// Edge of the square tiles that threads take one at a time.
     int tileSize = 32;
 };

@@ -10,6 +10,7 @@
 #include "Playback.h"
 #include "Command.h"
 #include "foundation/FramePattern.h"
+#include "render/Texture.h"
 #include "standalone/GridObject.h"
 #include "standalone/ImageIO.h"
 #include "standalone/Renderer.h"
@@ -23,7 +24,8 @@ const char* USAGE =
     "                      [--set NAME=VALUE]...\n"
     "                      [--camera PX PY PZ TX TY TZ FOV] [--light LIGHT]... [--size W H]\n"
     "                      [--samples N] [--threads N] [--seed N] [--ground]\n"
-    "                      [--background R G B] [-q] -o OUT.png|OUT.exr\n"
+    "                      [--background R G B] [--motion-blur [--shutter OPEN CLOSE]]\n"
+    "                      [--texture SLOT=SPEC]... [-q] -o OUT.png|OUT.exr\n"
     "\n"
     "Renders one cache frame with the volume shader. Without --camera the camera frames the\n"
     "grid's box from a three-quarter view (front right, above); without --light one white key\n"
@@ -55,6 +57,19 @@ const char* USAGE =
     "  --ground           a grey ground plane at the bottom of the grid that catches shadows\n"
     "  --background R G B linear background colour (default 0 0 0); with it, or with --ground,\n"
     "                     the PNG is opaque\n"
+    "  --motion-blur      blur the volume along its velocity channels over the shutter; each\n"
+    "                     camera ray of a pixel takes its own time in it (use --samples)\n"
+    "  --shutter OPEN CLOSE\n"
+    "                     the shutter as fractions of a frame (default 0 0.5)\n"
+    "  --texture SLOT=SPEC a procedural texture in a slot (repeatable): SLOT is etxt, dtxt,\n"
+    "                     ttxt, stex, displ0, displ1 or displ2; SPEC is KIND[:KEY=VALUE,...]:\n"
+    "                       noise, turbulence  scale offset drift low high octaves lacunarity\n"
+    "                                          gain seed\n"
+    "                       cellular           scale offset drift low high jitter seed\n"
+    "                       constant           value\n"
+    "                     a value of three numbers is written X,Y,Z (noise:scale=2,octaves=4,\n"
+    "                     offset=0,0,1); the slot's parameter (earg 4, displacement, ...)\n"
+    "                     decides what it is used for\n"
     "  -q                 quiet: no progress bar and no summary\n"
     "  -o OUT             the image: .png (8 bits, gamma 2.2, RGBA) or .exr (half floats,\n"
     "                     linear: R G B A, volume.R/G/B, transmittance.R/G/B)\n"
@@ -86,6 +101,9 @@ int run(int argc, char** argv) {
                      {"--seed", 1},
                      {"--ground"},
                      {"--background", 3},
+                     {"--motion-blur"},
+                     {"--shutter", 2},
+                     {"--texture", 1, true},
                      {"-q"},
                      {"-o", 1},
                      {"--help"},
@@ -157,6 +175,30 @@ int run(int argc, char** argv) {
             return usageError(CMD, "--camera: " + error);
     }
     const bool quiet = args.has("-q");
+    float shutter[2] = {0.0f, 0.5f};
+    if (args.has("--shutter")) {
+        if (!args.has("--motion-blur")) return usageError(CMD, "--shutter needs --motion-blur");
+        if (!parseNumbers(args.values("--shutter"), d) || d[0] < -1.0 || d[1] > 1.0 ||
+            d[0] > d[1])
+            return usageError(CMD,
+                              "--shutter takes two fractions of a frame OPEN <= CLOSE, "
+                              "from -1 to 1");
+        shutter[0] = static_cast<float>(d[0]);
+        shutter[1] = static_cast<float>(d[1]);
+    }
+    // Texture descriptions are checked before the frame is read.
+    std::vector<std::pair<std::string, std::string>> textures;
+    for (const auto& use : args.uses("--texture")) {
+        const std::string& text = use[0];
+        const size_t eq = text.find('=');
+        const std::string slot = text.substr(0, eq);
+        if (eq == std::string::npos || textureSlotOf(slot) < 0)
+            return usageError(CMD, "--texture takes SLOT=SPEC with SLOT one of etxt, dtxt, ttxt, "
+                                   "stex, displ0, displ1, displ2");
+        if (!parseTextureSpec(text.substr(eq + 1), error))
+            return usageError(CMD, "--texture " + slot + ": " + error);
+        textures.emplace_back(slot, text.substr(eq + 1));
+    }
 
     // The frame and its look: the parameters first, since playback maps --frame with them.
     CliPlayback playback;
@@ -178,7 +220,26 @@ int run(int argc, char** argv) {
         sceneFrame = shown->frameNumber;
     GridObject& object = playback.object();
     object.setFrame(shown, static_cast<int>(std::lround(sceneFrame)));
-    if (!object.prepare(error)) return failure(CMD, file + ": " + error);
+    for (const auto& [slot, spec] : textures)
+        object.params().setString(slot.c_str(), 0, spec);
+    object.motionBlur = args.has("--motion-blur");
+    object.shutterOpen = shutter[0];
+    object.shutterClose = shutter[1];
+    object.threads = settings.threads > 0 ? settings.threads : -1;
+    settings.motionBlur = object.motionBlur;
+    {
+        const bool bar = object.motionBlur && !quiet && TerminalProgress::isTerminal(stderr);
+        TerminalProgress progress(static_cast<uint64_t>(object.frame()->getCellCount()), bar);
+        object.progress = &progress;
+        const bool prepared = object.prepare(error);
+        object.progress = nullptr;
+        if (!prepared) {
+            if (error == "cancelled") return failure(CMD, "interrupted; no image written");
+            return failure(CMD, file + ": " + error);
+        }
+    }
+    for (const std::string& w : object.prepareWarnings)
+        std::fprintf(stderr, "vaporix render: %s\n", w.c_str());
 
     // The view: what the command line leaves open comes from the default view.
     std::vector<GridObject*> objects{&object};
