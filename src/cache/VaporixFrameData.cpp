@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "cache/CacheIO.h"
 #include "cache/ParticleJobs.h"
 #include "cache/limits.h"
 #include "cache/zlibutil.h"
@@ -644,9 +645,9 @@ int VaporixFrameData::importFile(const char* path,
         if (ext == "vxg") {
             status = ImportVxg(path, noRetry, false, dropCompressed);
         } else if (ext == "f3d" || ext == "vdb") {
-            // Foreign caches load through side modules, which this build does not have yet.
-            (void)frameTime;
-            status = LOAD_NO_MODULE;
+            status = ext == "f3d" ? CacheIO::importF3D(path, *this, channelMapArg, false)
+                                  : CacheIO::importVDB(path, *this, channelMapArg, false);
+            if (status == LOAD_OK) setSimTime(frameTime);
         } else {
             status = LOAD_NO_FILE;
         }
@@ -658,11 +659,12 @@ int VaporixFrameData::importFile(const char* path,
     return status;
 }
 
-int VaporixFrameData::importHeader(const char* path, const char* /*channelMapArg*/) {
+int VaporixFrameData::importHeader(const char* path, const char* channelMapArg) {
     if (!path || !*path) return LOAD_NO_FILE;
     const iString ext = extensionOf(path);
     if (ext == "vxg") return ImportVxg(path, true, true, true);
-    if (ext == "f3d" || ext == "vdb") return LOAD_NO_MODULE;
+    if (ext == "f3d") return CacheIO::importF3D(path, *this, channelMapArg, true);
+    if (ext == "vdb") return CacheIO::importVDB(path, *this, channelMapArg, true);
     return LOAD_NO_FILE;
 }
 
