@@ -292,10 +292,18 @@ void fillDense(const GridT& grid, const DenseTarget& d, MTFunction& engine) {
         tiles.getBoundingBox(box);
         box.intersect(frameBox);
         if (box.empty()) continue;
-        for (int z = box.min().z(); z <= box.max().z(); ++z)
-            for (int y = box.min().y(); y <= box.max().y(); ++y)
-                for (int x = box.min().x(); x <= box.max().x(); ++x) {
-                    const int64_t cell = d.cellOf(Coord(x, y, z));
+        // Only the voxels that are samples of the frame: the first at or after the tile's
+        // corner on each axis, then every step-th.
+        int64_t first[3];
+        for (int a = 0; a < 3; ++a) {
+            const int64_t offset = static_cast<int64_t>(box.min()[a]) - d.boxMin[a];
+            first[a] = d.boxMin[a] + (offset + d.step - 1) / d.step * d.step;
+        }
+        for (int64_t z = first[2]; z <= box.max().z(); z += d.step)
+            for (int64_t y = first[1]; y <= box.max().y(); y += d.step)
+                for (int64_t x = first[0]; x <= box.max().x(); x += d.step) {
+                    const int64_t cell = d.cellOf(Coord(static_cast<int>(x), static_cast<int>(y),
+                                                        static_cast<int>(z)));
                     if (cell < 0) continue;
                     for (int c = 0; c < 3; ++c)
                         if (d.out[c]) d.out[c][cell] = componentOf(*tiles, c) * d.scale[c];
@@ -401,8 +409,10 @@ int readFrame(const char* path,
     const int64_t full[3] = {static_cast<int64_t>(box.max().x()) - box.min().x() + 1,
                              static_cast<int64_t>(box.max().y()) - box.min().y() + 1,
                              static_cast<int64_t>(box.max().z()) - box.min().z() + 1};
-    int step = 1;
     int64_t size[3];
+    const double fullCells = static_cast<double>(full[0]) * full[1] * full[2];
+    // Start just below the step that the cube root suggests, then take the first that fits.
+    int step = std::max(1, static_cast<int>(std::cbrt(fullCells / static_cast<double>(gMaxCells))) - 1);
     for (;;) {
         double cells = 1.0;
         for (int a = 0; a < 3; ++a) {

@@ -691,6 +691,14 @@ const char* loadStatusText(int status) {
             return "file not found or not a cache file";
         case LOAD_BROKEN:
             return "broken file or out of memory";
+        case 5:
+            return "Field3D cache read failed";
+        case 6:
+            return "Field3D cache read failed: not enough memory";
+        case 7:
+            return "OpenVDB cache read failed";
+        case 8:
+            return "OpenVDB cache read failed: not enough memory";
         case LOAD_NO_CHANNEL_MAP:
             return "no channel map for a foreign cache";
         case SAVE_FAILED:

@@ -179,12 +179,14 @@ TEST(OpenVDBIO, TruncatedAndCorruptedFilesGiveAStatus) {
     const std::vector<uint8_t> bytes = test::readBytes(dir.file("good.vdb"));
     ASSERT_GT(bytes.size(), 200u);
 
+    // A cut inside a compressed block can leave a size claim that no allocation can meet: that is
+    // status 8 (memory), where a cut elsewhere is 7.
     for (size_t keep : {size_t{10}, bytes.size() / 3, bytes.size() * 3 / 5, bytes.size() - 4}) {
         test::writeBytes(dir.file("cut.vdb"),
                          std::vector<uint8_t>(bytes.begin(), bytes.begin() + keep));
         VaporixFrameData frame;
         const int status = import(dir.file("cut.vdb"), frame, mapOf({{2, "density"}}));
-        EXPECT_TRUE(status == 7 || status == 0) << keep << " gave " << status;
+        EXPECT_TRUE(status == 0 || status == 7 || status == 8) << keep << " gave " << status;
     }
     std::mt19937 rng(7);
     for (int round = 0; round < 20; ++round) {

@@ -10,18 +10,20 @@ namespace vaporix::cli {
 namespace {
 
 const char* USAGE =
-    "usage: vaporix dump FILE|PATTERN [--frame N] --channel N -o OUT.f32\n"
+    "usage: vaporix dump FILE|PATTERN [--frame N] [--channel-map MAP] --channel N -o OUT.f32\n"
     "       vaporix dump FILE|PATTERN [--frame N] --group NAME --pchannel C -o OUT.bin\n"
     "\n"
     "Writes grid channel N of a cache frame, expanded, as little-endian float32 values with x\n"
     "running fastest (index = x + sizeX * (y + sizeY * z)); or particle channel C of a group,\n"
     "expanded, particle after particle (position, velocity and other vectors: 3 float32;\n"
-    "ID (10): one int64; other channels: one float32).\n";
+    "ID (10): one int64; other channels: one float32).\n"
+    "  --channel-map MAP  for .vdb and .f3d: \"2,density;1,temperature;\" (default: the\n"
+    "                  sequence's default map, see 'vaporix channels')\n";
 
 int run(int argc, char** argv) {
     Args args;
     std::string error;
-    if (!args.parse(argc, argv, 2, {{"--channel", 1}, {"--group", 1}, {"--pchannel", 1}, {"-o", 1}, frameOption(),
+    if (!args.parse(argc, argv, 2, {{"--channel", 1}, {"--group", 1}, {"--pchannel", 1}, {"-o", 1}, frameOption(), channelMapOption(),
                      {"--help"}, {"-h"}}, error))
         return usageError("dump", error);
     if (args.has("--help") || args.has("-h")) {
@@ -43,10 +45,10 @@ int run(int argc, char** argv) {
         return rc;
 
     VaporixFrameData frame;
-    const int status = frame.importFile(path.c_str(), "", 0, true, false, false);
-    if (status != LOAD_OK)
-        return failure("dump", path + ": " + loadStatusText(status) + " (status " +
-                                   std::to_string(status) + ")");
+    const std::string map = channelMapFor(args, args.positional[0]);
+    const int status = frame.importFile(path.c_str(), map.c_str(), 0, true, false, false);
+    if (status != LOAD_OK) return failure("dump", loadFailureText(path, status));
+    reportFrameWarnings("dump", frame);
     const int c = static_cast<int>(channel);
     if (particles) {
         auto* group = static_cast<PGroup*>(frame.FindParticleGroup(args.value("--group")));

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "CacheArg.h"
+#include "cache/CacheIO.h"
 #include "Command.h"
 #include "standalone/GridObject.h"
 #include "standalone/ImageIO.h"
@@ -19,13 +20,15 @@ const char* USAGE =
     "usage: vaporix render FILE|PATTERN [--frame N] [--params FILE.json] [--set NAME=VALUE]...\n"
     "                      [--camera PX PY PZ TX TY TZ FOV] [--light LIGHT]... [--size W H]\n"
     "                      [--samples N] [--threads N] [--seed N] [--ground]\n"
-    "                      [--background R G B] [-q] -o OUT.png|OUT.exr\n"
+    "                      [--background R G B] [--channel-map MAP] [-q] -o OUT.png|OUT.exr\n"
     "\n"
     "Renders one cache frame with the volume shader. Without --camera the camera frames the\n"
     "grid's box from a three-quarter view (front right, above); without --light one white key\n"
     "light shines from the front left above, with a little ambient light. The world is Z-up.\n"
     "  --frame N          with a frame pattern (smoke_####.vxg): the file of frame N (default:\n"
     "                     the sequence's first frame)\n"
+    "  --channel-map MAP  for .vdb and .f3d: \"2,density;1,temperature;\" (default: the\n"
+    "                     sequence's default map, see 'vaporix channels')\n"
     "  --params FILE.json a parameter set, as 'vaporix params --save' writes it\n"
     "  --set NAME=VALUE   set a parameter after --params (repeatable; forms as in\n"
     "                     'vaporix params --help')\n"
@@ -67,6 +70,7 @@ int run(int argc, char** argv) {
     std::string error;
     if (!args.parse(argc, argv, 2,
                     {frameOption(),
+                     channelMapOption(),
                      {"--params", 1},
                      {"--set", 1, true},
                      {"--camera", 7},
@@ -156,8 +160,13 @@ int run(int argc, char** argv) {
     long long frameNumber = 0;
     if (args.has("--frame")) parseInt(args.value("--frame"), frameNumber);  // checked above
     GridObject object;
-    if (object.loadFrame(file, static_cast<int>(frameNumber), error) != 0)
-        return failure(CMD, error);
+    object.channelMap = channelMapFor(args, args.positional[0]);
+    if (const int status = object.loadFrame(file, static_cast<int>(frameNumber), error);
+        status != 0)
+        return failure(CMD, CacheIO::sideModuleStatusMessage(status)
+                                ? loadFailureText(file, status)
+                                : error);
+    reportFrameWarnings(CMD, *object.frame());
     if (args.has("--params")) {
         std::vector<std::string> warnings;
         if (!object.loadParams(args.value("--params"), warnings, error)) return failure(CMD, error);
