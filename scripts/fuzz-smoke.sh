@@ -28,3 +28,5 @@ run() {
 
 run fuzz_sg_decoder "$root/tests/fuzz/corpus/sg_decoder"
 run fuzz_vxg_reader "$root/tests/data"
+run fuzz_field3dio "$root/tests/fuzz/corpus/field3dio"
+run fuzz_openvdbio "$root/tests/fuzz/corpus/openvdbio"

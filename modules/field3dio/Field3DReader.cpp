@@ -238,9 +238,10 @@ bool readMapping(hid_t partition, double localToWorld[16], bool& isMatrix) {
 void voxelToWorldOf(const int extents[6], const double localToWorld[16], double out[16]) {
     double pre[16] = {};
     for (int a = 0; a < 3; ++a) {
-        const double res = static_cast<double>(extents[a + 3]) - extents[a] + 1.0;
-        pre[a * 5] = 1.0 / res;
-        pre[12 + a] = -static_cast<double>(extents[a]) / res;
+        // Empty extents give no usable mapping; the inverse then fails on its zero scale.
+        const double res = std::max(static_cast<double>(extents[a + 3]) - extents[a] + 1.0, 0.0);
+        pre[a * 5] = res > 0.0 ? 1.0 / res : 0.0;
+        pre[12 + a] = res > 0.0 ? -static_cast<double>(extents[a]) / res : 0.0;
     }
     pre[15] = 1.0;
     for (int r = 0; r < 4; ++r)
@@ -536,9 +537,15 @@ int readFrame(const char* path,
         t.scale = mappings[i].scale;
         const Layer& l = layers[t.layer];
         if (!l.mappingValid) fail("a layer's mapping is missing or not a matrix");
-        for (int a = 0; a < 3; ++a)
+        // Sizes are checked in floating point before any product of them is formed.
+        double layerCells = 1.0;
+        for (int a = 0; a < 3; ++a) {
             if (l.window[a + 3] < l.window[a]) fail("a layer with an empty data window");
+            layerCells *= static_cast<double>(l.window[a + 3]) - l.window[a] + 1.0;
+        }
+        if (layerCells > static_cast<double>(gMaxCells)) fail("a layer has too many cells");
         if (l.components != 1 && l.components != 3) fail("a layer of neither 1 nor 3 components");
+        if (l.className == "MACField" && l.components != 3) fail("a MAC layer that is not a vector");
         if (!targets.empty() && !sameMapping(layers[targets[0].layer], l)) {
             lumoLog("Field3D layer %s skipped: its mapping differs from the first layer's\n",
                     l.name.c_str());
