@@ -83,10 +83,9 @@ bool loadModule(SideModule& module,
     return true;
 }
 
-void unloadModule(SideModule& module) {
-    sys::closeLibrary(module.library);
-    module = SideModule{module.name};
-}
+/// Forgets a module. Its library stays mapped to the end of the process: OpenVDB and HDF5 keep
+/// globals and exit handlers of their own that must not lose their code.
+void unloadModule(SideModule& module) { module = SideModule{module.name}; }
 
 /// The import steps shared by both formats.
 int importForeign(SideModule& module,

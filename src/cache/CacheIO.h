@@ -66,7 +66,7 @@ std::string defaultModuleSearchPath();
 /// not used. `axisMode` (1 as is, 2 y and z exchanged) holds for all later imports.
 /// @return the mask of the modules that failed.
 int loadSideModules(int which, const char* searchPath, const char* suffix, int axisMode);
-/// Closes the modules and forgets their exports (end of the process, tests).
+/// Forgets the modules and their exports (end of the process, tests); the libraries stay mapped.
 void unloadSideModules();
 
 /// Calls SetThreadManager of each loaded module. @return true when at least one module exists
