@@ -79,6 +79,12 @@ std::vector<GridInfo> readGridInfos(openvdb::io::File& file) {
     if (!metas) return out;
     for (const auto& m : *metas) {
         if (!m) continue;
+        // A name is read by name: a later grid of the same name can't be reached, so only the
+        // first one counts (the same one OpenVDB's readGrid returns).
+        bool seen = false;
+        for (const GridInfo& have : out)
+            if (have.name == m->getName()) seen = true;
+        if (seen) continue;
         GridInfo info;
         info.name = m->getName();
         info.kind = kindOf(*m);
@@ -383,6 +389,7 @@ int readFrame(const char* path,
             if (!g.grid) {
                 g.grid = file.readGrid(g.name);
                 if (!g.grid) fail("a grid can't be read");
+                if (kindOf(*g.grid) != g.kind) fail("a grid's type differs from its metadata");
             }
             b = g.grid->evalActiveVoxelBoundingBox();
             any = !b.empty();

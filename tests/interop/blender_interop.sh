@@ -45,6 +45,7 @@ scene = bpy.context.scene
 scene.render.engine = "CYCLES"
 scene.cycles.samples = 16
 scene.cycles.device = "CPU"
+scene.cycles.use_denoising = False
 scene.render.resolution_x = scene.render.resolution_y = 64
 scene.render.filepath = out
 scene.render.image_settings.file_format = "PNG"
