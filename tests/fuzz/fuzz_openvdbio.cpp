@@ -1,9 +1,8 @@
 // libFuzzer target of the OpenVDB reader: files made with OpenVDB's API from the input (grid
 // types and names, voxels and active tiles anywhere, transforms, declared boxes, half
 // precision), read with a map of every channel, as a header and listed. Files are not cut or
-// damaged here: OpenVDB's own tree reader follows child pointers it never set when a stream
-// ends early (undefined behaviour inside the library, found by this target); cut files are
-// tested at fixed points in OpenVDBIO_test.
+// damaged here (OpenVDB's reader trusts the sizes in its streams; cut files are tested at fixed
+// points in OpenVDBIO_test, with a bounded operator new).
 #include <fuzzer/FuzzedDataProvider.h>
 #include <openvdb/io/File.h>
 #include <openvdb/openvdb.h>
