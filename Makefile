@@ -1,5 +1,5 @@
 # Front door: `make demo` and `make test` on a fresh Debian 12 machine.
-.PHONY: all deps build demo test test-asan test-tsan fuzz fuzz-smoke bench format clean soak
+.PHONY: all deps build demo test test-asan test-tsan fuzz fuzz-smoke bench format clean soak interop
 
 JOBS ?= 2
 DEMO_DIR ?= $(CURDIR)/out/demo
@@ -49,12 +49,16 @@ soak: deps
 	cmake --build --preset ci -j $(JOBS) --target vaporix_soak
 	build/ci/tests/soak/vaporix_soak $(SOAK_SECONDS)
 
-# Benchmarks also install what they compare against (OpenVDB); build and test never need it.
+# Benchmarks: setup-deps.sh --bench adds what only they compare against.
 bench:
 	@scripts/setup-deps.sh --bench
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS)
 	@for b in build/release/bench/vaporix_*_bench; do [ -x "$$b" ] && "$$b"; done; true
+
+# A converted .vdb imported and rendered by Debian's blender (installs it; not part of `make test`).
+interop: build
+	tests/interop/blender_interop.sh build/release/tools/vaporix/vaporix
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i

@@ -8,12 +8,13 @@ PACKAGES=(
     cmake ninja-build pkg-config g++ clang libclang-rt-14-dev python3
     libgtest-dev libgmock-dev libbenchmark-dev
     zlib1g-dev libdeflate-dev libzstd-dev libpng-dev libopenexr-dev libimath-dev
+    libopenvdb-dev libboost-iostreams-dev libtbb-dev libhdf5-dev nlohmann-json3-dev
 )
-BENCH_PACKAGES=(libopenvdb-dev libboost-iostreams-dev libtbb-dev)
+BENCH_PACKAGES=()
 
 for arg in "$@"; do
     case "$arg" in
-        --bench) PACKAGES+=("${BENCH_PACKAGES[@]}") ;;
+        --bench) PACKAGES+=("${BENCH_PACKAGES[@]+"${BENCH_PACKAGES[@]}"}") ;;
         *)
             echo "usage: $0 [--bench]" >&2
             exit 2

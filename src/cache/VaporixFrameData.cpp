@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "cache/CacheIO.h"
 #include "cache/ParticleJobs.h"
 #include "cache/limits.h"
 #include "cache/zlibutil.h"
@@ -645,9 +646,9 @@ int VaporixFrameData::importFile(const char* path,
         if (ext == "vxg") {
             status = ImportVxg(path, noRetry, false, dropCompressed);
         } else if (ext == "f3d" || ext == "vdb") {
-            // Foreign caches load through side modules, which this build does not have yet.
-            (void)frameTime;
-            status = LOAD_NO_MODULE;
+            status = ext == "f3d" ? CacheIO::importF3D(path, *this, channelMapArg, false)
+                                  : CacheIO::importVDB(path, *this, channelMapArg, false);
+            if (status == LOAD_OK) setSimTime(frameTime);
         } else {
             status = LOAD_NO_FILE;
         }
@@ -659,11 +660,12 @@ int VaporixFrameData::importFile(const char* path,
     return status;
 }
 
-int VaporixFrameData::importHeader(const char* path, const char* /*channelMapArg*/) {
+int VaporixFrameData::importHeader(const char* path, const char* channelMapArg) {
     if (!path || !*path) return LOAD_NO_FILE;
     const iString ext = extensionOf(path);
     if (ext == "vxg") return ImportVxg(path, true, true, true);
-    if (ext == "f3d" || ext == "vdb") return LOAD_NO_MODULE;
+    if (ext == "f3d") return CacheIO::importF3D(path, *this, channelMapArg, true);
+    if (ext == "vdb") return CacheIO::importVDB(path, *this, channelMapArg, true);
     return LOAD_NO_FILE;
 }
 
@@ -690,6 +692,14 @@ const char* loadStatusText(int status) {
             return "file not found or not a cache file";
         case LOAD_BROKEN:
             return "broken file or out of memory";
+        case 5:
+            return "Field3D cache read failed";
+        case 6:
+            return "Field3D cache read failed: not enough memory";
+        case 7:
+            return "OpenVDB cache read failed";
+        case 8:
+            return "OpenVDB cache read failed: not enough memory";
         case LOAD_NO_CHANNEL_MAP:
             return "no channel map for a foreign cache";
         case SAVE_FAILED:

@@ -54,7 +54,7 @@ void GridObject::releaseFrame() {
 int GridObject::loadFrame(const std::string& pattern, int frame, std::string& error) {
     releaseFrame();
     VaporixFrameData* slot = nullptr;
-    const int status = acquireShared(slot, frame, pattern.c_str(), "", true, true, false);
+    const int status = acquireShared(slot, frame, pattern.c_str(), channelMap.c_str(), true, true, false);
     if (status != LOAD_OK || !slot) {
         error = pattern + ": " + loadStatusText(status == LOAD_OK ? LOAD_BROKEN : status);
         return status == LOAD_OK ? LOAD_BROKEN : status;

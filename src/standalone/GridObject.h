@@ -51,6 +51,9 @@ public:
     /// Applies one NAME[i]@TICK=VALUE assignment (see `applyParamAssignment`).
     bool applySetting(const std::string& assignment, std::string& error);
 
+    /// The channel map of a foreign cache (.vdb, .f3d); empty for .vxg.
+    std::string channelMap;
+
     /// The object's node transform, object to world (row vectors).
     GridTransform objectToWorld;
 

@@ -2,6 +2,10 @@
 #include "CacheArg.h"
 
 #include <climits>
+#include <cstdio>
+
+#include "cache/CacheIO.h"
+#include "foundation/ThreadManager.h"
 
 #include "foundation/EnumFiles.h"
 #include "foundation/FramePattern.h"
@@ -32,6 +36,36 @@ int resolveCacheArg(const char* command,
                                     ? "no file for frame " + std::to_string(frame) + " of " + path
                                     : "no file matches " + path);
     return EXIT_OK;
+}
+
+std::string channelMapFor(const Args& args, const std::string& pattern) {
+    if (args.has("--channel-map")) return args.value("--channel-map");
+    const iString ext = iString(getExtension(pattern)).lower();
+    if (ext != "vdb" && ext != "f3d") return {};
+    std::string map;
+    CacheIO::buildDefaultMapping(map, toNativeSeparators(pattern).c_str());
+    return map;
+}
+
+void loadToolSideModules() {
+    static bool loaded = false;
+    if (loaded) return;
+    loaded = true;
+    const std::string searchPath = CacheIO::defaultModuleSearchPath();
+    CacheIO::loadSideModules(CacheIO::MODULE_FIELD3D | CacheIO::MODULE_OPENVDB, searchPath.c_str(),
+                             "lumo", 1);
+    CacheIO::setSideModuleThreadManager(processThreadManager());
+}
+
+void reportFrameWarnings(const char* command, const VaporixFrameData& frame) {
+    if (frame.frameFlags & FRAME_DOWNSAMPLED)
+        std::fprintf(stderr, "vaporix %s: warning: %s\n", command, CacheIO::downsampledMessage());
+}
+
+std::string loadFailureText(const std::string& path, int status) {
+    const char* message = CacheIO::sideModuleStatusMessage(status);
+    return path + ": " + (message ? message : loadStatusText(status)) + " (status " +
+           std::to_string(status) + ")";
 }
 
 std::string cacheOutputPath(const std::string& path, int32_t frame) {

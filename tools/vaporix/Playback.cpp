@@ -17,10 +17,12 @@ const char* const PLAYBACK_HELP =
     "  --fps N            scene frames a second (default 30; 4800 ticks a second)\n"
     "  --params FILE.json a parameter set, as 'vaporix params --save' writes it\n"
     "  --set NAME=VALUE   set a parameter after --params (repeatable; forms as in\n"
-    "                     'vaporix params --help')\n";
+    "                     'vaporix params --help')\n"
+    "  --channel-map MAP  for .vdb and .f3d: \"2,density;1,temperature;\" (default: the\n"
+    "                     sequence's default map, see 'vaporix channels')\n";
 
 std::vector<OptionSpec> playbackOptions() {
-    return {{"--frame", 1}, {"--fps", 1}, {"--params", 1}, {"--set", 1, true}};
+    return {{"--frame", 1}, {"--fps", 1}, {"--params", 1}, {"--set", 1, true}, channelMapOption()};
 }
 
 CliPlayback::CliPlayback() : mPlayback(std::make_unique<FramePlayback>(*this)) {}
@@ -54,6 +56,9 @@ int CliPlayback::setup(const char* command, const Args& args, const std::string&
     }
     for (const auto& use : args.uses("--set"))
         if (!mObject.applySetting(use[0], error)) return usageError(command, error);
+    // Foreign caches are read with --channel-map or the sequence's default map.
+    if (const std::string map = channelMapFor(args, pattern); !map.empty())
+        params().setString("usrchmap", 0, map);
     const TimeBendParams p = readTimeBendParams(params(), 0.0);
     if (const char* problem = timeBendProblem(p, ticksPerFrame()); *problem)
         return usageError(command, problem);
@@ -114,10 +119,10 @@ int loadCacheArgFrame(const char* command,
         Args plain;
         if (const int rc = resolveCacheArg(command, pattern, plain, label); rc != EXIT_OK)
             return rc;
-        const int status = own.importFile(label.c_str(), "", 0, true, headerOnly, false);
-        if (status != LOAD_OK)
-            return failure(command, label + ": " + loadStatusText(status) + " (status " +
-                                        std::to_string(status) + ")");
+        const std::string map = channelMapFor(args, pattern);
+        const int status = own.importFile(label.c_str(), map.c_str(), 0, true, headerOnly, false);
+        if (status != LOAD_OK) return failure(command, loadFailureText(label, status));
+        reportFrameWarnings(command, own);
         frame = &own;
         return EXIT_OK;
     }
@@ -137,14 +142,14 @@ int loadCacheArgFrame(const char* command,
         if (cacheTime == NO_TIME || cacheTime == INT32_MAX)
             why = "scene frame " + args.value("--frame") + " lies outside the clip of " + pattern;
         else if (failStatus != 0)
-            why = pattern + ": frame " + std::to_string(cacheFrame) + ": " +
-                  loadStatusText(failStatus) + " (status " + std::to_string(failStatus) + ")";
+            why = loadFailureText(pattern + ": frame " + std::to_string(cacheFrame), failStatus);
         else
             why = "no file for frame " + std::to_string(cacheFrame) + " of " + pattern;
         if (args.value("--frame") != std::to_string(cacheFrame))
             why += " (scene frame " + args.value("--frame") + ")";
         return failure(command, why);
     }
+    reportFrameWarnings(command, *frame);
     label = playback.playback().frame.currentFile;
     if (label.empty()) label = pattern + " (blended at scene frame " + args.value("--frame") + ")";
     return EXIT_OK;

@@ -12,7 +12,7 @@ namespace {
 
 const char* USAGE =
     "usage: vaporix dump FILE|PATTERN [--frame F] [--fps N] [--params FILE] [--set ...]...\n"
-    "                    --channel N -o OUT.f32\n"
+    "                    [--channel-map MAP] --channel N -o OUT.f32\n"
     "       vaporix dump FILE|PATTERN [--frame F] ... --group NAME --pchannel C -o OUT.bin\n"
     "\n"
     "Writes grid channel N of a cache frame, expanded, as little-endian float32 values with x\n"

@@ -12,14 +12,17 @@ namespace {
 
 const char* USAGE =
     "usage: vaporix info FILE|PATTERN [--frame F] [--fps N] [--params FILE] [--set NAME=VALUE]...\n"
-    "                    [--json] [--header-only]\n"
+    "                    [--channel-map MAP] [--json] [--header-only]\n"
     "\n"
     "Prints the header of a cache frame: grid size and transform, channels with their value\n"
     "ranges, frame number and times, comment, particle groups and the particle box.\n"
     "  --frame N       with a frame pattern (smoke_####.vxg): the file of frame N (default:\n"
     "                  the sequence's first frame)\n"
     "  --json          machine-readable output\n"
-    "  --header-only   read only the header (no channel is expanded, ranges are unknown)\n";
+    "  --header-only   read only the header (no channel is expanded, ranges are unknown)\n"
+    "  --channel-map MAP  for .vdb and .f3d: which file channel fills which ordinal,\n"
+    "                  \"2,density;1,temperature;\" (default: the sequence's default map, see\n"
+    "                  'vaporix channels')\n";
 
 void writeJson(VaporixFrameData& frame, const std::string& path, int status, int version,
                bool headerOnly) {
@@ -166,17 +169,18 @@ int run(int argc, char** argv) {
     std::string path;
     if (const int rc = resolveCacheArg("info", args.positional[0], args, path); rc != EXIT_OK)
         return rc;
+    const std::string map = channelMapFor(args, args.positional[0]);
     VaporixFrameData frame;
-    const int status = headerOnly ? frame.importHeader(path.c_str(), "")
-                                  : frame.importFile(path.c_str(), "", 0, true, false, false);
+    const int status = headerOnly ? frame.importHeader(path.c_str(), map.c_str())
+                                  : frame.importFile(path.c_str(), map.c_str(), 0, true, false, false);
+    if (status == LOAD_OK) reportFrameWarnings("info", frame);
     const int version = status == LOAD_OK ? vxgFileVersion(path.c_str()) : -1;
     if (args.has("--json")) {
         writeJson(frame, path, status, version, headerOnly);
         return status == LOAD_OK ? EXIT_OK : EXIT_FAILED;
     }
     if (status != LOAD_OK)
-        return failure("info", path + ": " + loadStatusText(status) + " (status " +
-                                   std::to_string(status) + ")");
+        return failure("info", loadFailureText(path, status));
     writeText(frame, path, version, headerOnly);
     return EXIT_OK;
 }

@@ -21,7 +21,7 @@ namespace {
 
 const char* USAGE =
     "usage: vaporix render FILE|PATTERN [--frame F] [--fps N] [--params FILE.json]\n"
-    "                      [--set NAME=VALUE]...\n"
+    "                      [--set NAME=VALUE]... [--channel-map MAP]\n"
     "                      [--camera PX PY PZ TX TY TZ FOV] [--light LIGHT]... [--size W H]\n"
     "                      [--samples N] [--threads N] [--seed N] [--ground]\n"
     "                      [--background R G B] [--motion-blur [--shutter OPEN CLOSE]]\n"
@@ -36,6 +36,8 @@ const char* USAGE =
     "                     defaults scene frame N is cache frame N (default: the sequence's\n"
     "                     first frame)\n"
     "  --fps N            scene frames a second (default 30)\n"
+    "  --channel-map MAP  for .vdb and .f3d: \"2,density;1,temperature;\" (default: the\n"
+    "                     sequence's default map, see 'vaporix channels')\n"
     "  --params FILE.json a parameter set, as 'vaporix params --save' writes it\n"
     "  --set NAME=VALUE   set a parameter after --params (repeatable; forms as in\n"
     "                     'vaporix params --help')\n"
@@ -91,6 +93,7 @@ int run(int argc, char** argv) {
     if (!args.parse(argc, argv, 2,
                     {frameOption(),
                      {"--fps", 1},
+                     channelMapOption(),
                      {"--params", 1},
                      {"--set", 1, true},
                      {"--camera", 7},

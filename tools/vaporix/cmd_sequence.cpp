@@ -11,6 +11,7 @@
 
 #include "Command.h"
 #include "Json.h"
+#include "cache/CacheIO.h"
 #include "cache/VaporixFrameData.h"
 #include "foundation/EnumFiles.h"
 #include "foundation/FramePattern.h"
@@ -119,10 +120,10 @@ struct FileHeader {
     int64_t particles = 0;
 };
 
-FileHeader readFileHeader(const std::string& path) {
+FileHeader readFileHeader(const std::string& path, const std::string& channelMap) {
     FileHeader h;
     VaporixFrameData frame;
-    h.status = frame.importHeader(path.c_str(), "");
+    h.status = frame.importHeader(path.c_str(), channelMap.c_str());
     if (h.status != LOAD_OK) return h;
     for (int a = 0; a < 3; ++a) h.gridSize[a] = frame.gridSize[a];
     for (int c = 0; c < CHANNEL_COUNT; ++c)
@@ -155,8 +156,12 @@ struct Summary {
 Summary summarise(const std::string& pattern, bool withHeaders) {
     Summary s;
     s.files = sortedSequence(pattern);
-    if (withHeaders)
-        for (const SequenceFile& f : s.files) s.headers.push_back(readFileHeader(f.path));
+    if (withHeaders) {
+        // Foreign caches (.vdb, .f3d) read their headers with the sequence's default map.
+        std::string map;
+        CacheIO::buildDefaultMapping(map, toNativeSeparators(pattern).c_str());
+        for (const SequenceFile& f : s.files) s.headers.push_back(readFileHeader(f.path, map));
+    }
     int32_t previous = 0;
     bool seenFrame = false;
     for (const SequenceFile& f : s.files) {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "CacheArg.h"
 #include "Command.h"
 #include "foundation/log.h"
 
@@ -36,6 +37,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: %s\n", title.c_str(), text.c_str());
         return false;
     });
+    // Foreign caches (.vdb, .f3d) read through the side modules beside the tool.
+    loadToolSideModules();
     for (const auto& c : commands())
         if (name == c.name) return c.run(argc, argv);
     std::fprintf(stderr, "vaporix: unknown command '%s'\n", name.c_str());
