@@ -92,6 +92,14 @@ import json; j = json.load(open('$tmp/stdout'))
 ch = {c['ordinal']: c for c in j['channels']}
 assert ch[2]['min'] == 201, ch[2]
 "
+# A scene frame goes through playback, which reads with the map given (its usrchmap).
+check "frame with map" status_is 0 "$tool" info --json --frame 2 --channel-map "1,density;" \
+    "$tmp/out_####.vdb"
+check "frame map only" $py -c "
+import json; j = json.load(open('$tmp/stdout'))
+assert [c['ordinal'] for c in j['channels']] == [1], j['channels']
+assert j['channels'][0]['min'] == 201, j['channels']
+"
 
 # A converted frame renders.
 check "render vdb" status_is 0 "$tool" render "$tmp/b.vdb" --size 24 16 --samples 1 -q \
