@@ -142,6 +142,11 @@ TEST(FastPow2, FollowsTwoToThePower) {
         const double exact = std::exp2(static_cast<double>(p));
         EXPECT_NEAR(FastPow2(p) / exact, 1.0, POW2_TOLERANCE) << p;
     }
+    // Down to the smallest normal float the fit holds too; below it the result stays there.
+    for (float p = -125.95f; p < -100.0f; p += 0.05f) {
+        const double exact = std::exp2(static_cast<double>(p));
+        EXPECT_NEAR(FastPow2(p) / exact, 1.0, POW2_TOLERANCE) << p;
+    }
     EXPECT_FLOAT_EQ(FastPow2(0.0f), 1.0f);
     // Far below the float range it stays a tiny positive number instead of wrapping.
     EXPECT_GT(FastPow2(-1000.0f), 0.0f);

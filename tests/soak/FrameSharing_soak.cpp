@@ -18,8 +18,11 @@
 #include "VxgBuilder.h"
 #include "cache/VaporixFrameData.h"
 
-#if __has_include(<sanitizer/allocator_interface.h>)
-#include <sanitizer/allocator_interface.h>
+// Bytes in use on the heap: the sanitizer's count where there is a sanitizer (malloc's own
+// statistics are not kept then), else malloc's.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
+    defined(__has_feature) && (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #define SOAK_HEAP_BYTES() __sanitizer_get_current_allocated_bytes()
 #else
 #include <malloc.h>
