@@ -104,10 +104,13 @@ int main(int argc, char** argv) {
         if (f.SaveFrame(pattern.c_str(), f.channelMask) != 0) return 1;
     }
 
-    // One round first, so that whatever the process keeps for good (thread pools, tables) is
+    // A first round of the same kind, so that whatever the process keeps for good (thread
+    // pools, tables, the room of the shared list for as many frames as two threads hold) is
     // there before the heap is measured.
-    const auto warm = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
-    work(pattern, 1, warm);
+    const auto warm = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    std::thread w1(work, pattern, 1u, warm), w2(work, pattern, 2u, warm);
+    w1.join();
+    w2.join();
     const int listBefore = frameDataArray().count;
     const size_t heapBefore = SOAK_HEAP_BYTES();
 
