@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "cache/ParticleJobs.h"
 #include "cache/VaporixFrameData.h"
@@ -564,7 +565,10 @@ public:
         mTemp = path + ".tmp" + std::to_string(getpid());
         mFile = sys::openStream(mTemp, "wb");
         // A buffer of one piece: the file goes to the system in pieces of exactly 1 MiB.
-        if (mFile) std::setvbuf(mFile, nullptr, _IOFBF, WRITE_PIECE);
+        if (mFile) {
+            mBuffer.resize(WRITE_PIECE);
+            std::setvbuf(mFile, mBuffer.data(), _IOFBF, WRITE_PIECE);
+        }
         return mFile != nullptr;
     }
     ~VxgWriter() {
@@ -619,7 +623,8 @@ public:
 
     bool commit() {
         if (!mOk) return false;
-        if (!sys::syncStream(mFile)) mOk = false;
+        // A write that failed inside the stream's buffer shows only in its error flag.
+        if (std::ferror(mFile) || !sys::syncStream(mFile)) mOk = false;
         if (!sys::closeStream(mFile)) mOk = false;
         mFile = nullptr;
         if (mOk && !sys::renamePath(mTemp, mTarget)) mOk = false;
@@ -628,6 +633,7 @@ public:
     }
 
 private:
+    std::vector<char> mBuffer;  // declared before the stream, so it outlives it
     FILE* mFile = nullptr;
     std::string mTarget, mTemp;
     bool mOk = true;

@@ -544,6 +544,17 @@ TEST(SGCompressor, RunPastTheEndInEveryDecoderPath) {
         EXPECT_EQ(out, (std::vector<float>{3, 1, 4, 0, 0, 0, 0, 0})) << streaming;
         EXPECT_TRUE(log.contains("DecodeAndExpand - constant sequence longer than expected\n"));
     }
+    // One cell too long is too long: the run is not written at all.
+    const auto byOne = gridWithRun({3}, 8);
+    for (bool streaming : {true, false}) {
+        SGCompressor<3> codec;
+        codec.setStreamingDecode(streaming);
+        std::vector<float> out(8, -5.0f);
+        test::LogRecorder log;
+        ASSERT_TRUE(codec.decode(byOne.data(), byOne.size(), out.data(), 8)) << streaming;
+        EXPECT_EQ(out, (std::vector<float>{3, 0, 0, 0, 0, 0, 0, 0})) << streaming;
+        EXPECT_EQ(log.text(), "DecodeAndExpand - constant sequence longer than expected\n");
+    }
     // A run that ends exactly at the last cell is no error.
     const auto exact = gridWithRun({3}, 7);
     SGCompressor<3> codec;

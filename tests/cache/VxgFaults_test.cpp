@@ -87,11 +87,14 @@ TEST(VxgFaults, OpenRetriesOnlyErrno22WithPausesOf200ms) {
         EXPECT_EQ(plan.calls(FileOp::Open), 30);
         EXPECT_EQ(plan.pauses(), std::vector<int>(29, 200));
     }
+    const Snapshot clean = load(path);
+    ASSERT_EQ(clean.status, 0);
     {
         // Three times 22, then the file: it loads after three pauses.
         FaultPlan plan;
         plan.fail(FileOp::Open, 1, EINVAL, "", 3);
-        EXPECT_EQ(load(path, false, false), load(path));
+        EXPECT_EQ(load(path, false, false), clean);
+        EXPECT_EQ(plan.calls(FileOp::Open), 4);
         EXPECT_EQ(plan.pauses(), std::vector<int>(3, 200));
     }
     {
@@ -116,7 +119,7 @@ TEST(VxgFaults, OpenRetriesOnlyErrno22WithPausesOf200ms) {
         // An interrupted open is simply made again.
         FaultPlan plan;
         plan.fail(FileOp::Open, 1, EINTR);
-        EXPECT_EQ(load(path, false, true), load(path));
+        EXPECT_EQ(load(path, false, true), clean);
         EXPECT_TRUE(plan.pauses().empty());
     }
 }
@@ -211,6 +214,8 @@ TEST(VxgFaults, WritesGoOutInPiecesOfOneMebibyteThroughShortWrites) {
     {
         FaultPlan plan;
         ASSERT_EQ(frame.WriteVxg(dir.file("a.vxg").c_str(), 2), 0);
+        // 2.8 MB go to the system as two pieces of exactly 1 MiB and the rest; the sizes of
+        // the chunks, patched in afterwards, are small writes of their own.
         const std::vector<size_t> sizes = plan.writeSizes();
         size_t whole = 0, total = 0;
         for (size_t s : sizes) {
@@ -220,7 +225,8 @@ TEST(VxgFaults, WritesGoOutInPiecesOfOneMebibyteThroughShortWrites) {
         }
         EXPECT_EQ(whole, 2u);
         clean = test::readBytes(dir.file("a.vxg"));
-        EXPECT_EQ(total, clean.size());
+        EXPECT_GE(total, clean.size());
+        EXPECT_LE(total, clean.size() + 64);
     }
     // Short writes and interruptions: the same bytes.
     FaultPlan plan;
@@ -307,10 +313,9 @@ TEST(VxgFaults, EveryAllocationOfAReadFailingInTurn) {
                 EXPECT_TRUE(log.contains(brokenLine(path))) << log.text();
             } else {
                 ASSERT_EQ(status, 0);
+                // A channel that could not be expanded is missing; the others are whole.
                 if (values != clean) ++partial;
-                if (missing) {
-                    EXPECT_NE(log.text(), "");
-                }
+                EXPECT_TRUE(missing > 0 || values == clean);
             }
         }
         EXPECT_GT(broken + partial, 0) << name << ": no failed allocation made a difference";

@@ -219,6 +219,17 @@ TEST(EnumFiles, SecondPassFindsUnpaddedVxgFrames) {
     touch(dir.file("a_0012.vxg"));
     EXPECT_TRUE(findFrameFile(dir.file("a_####.vxg"), 12, true, path));
     EXPECT_EQ(path, dir.file("a_0012.vxg"));
+    // The second pass is not even walked then: the search sees the padded name alone.
+    struct Seen : EnumFiles {
+        Seen() : EnumFiles(12, true) {}
+        void process(const std::string& name) override {
+            seen.push_back(name);
+            EnumFiles::process(name);
+        }
+        std::vector<std::string> seen;
+    } walk;
+    enumerateSequence(walk, dir.file("a_####.vxg"), true);
+    EXPECT_EQ(walk.seen, std::vector<std::string>{dir.file("a_0012.vxg")});
     // When the first pass finds no exact frame the second one still looks.
     EXPECT_TRUE(findFrameFile(dir.file("a_####.vxg"), 7, true, path));
     EXPECT_EQ(path, dir.file("a_7.vxg"));

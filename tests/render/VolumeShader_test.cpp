@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -141,15 +142,27 @@ TEST(FastPow2, FollowsTwoToThePower) {
         const double exact = std::exp2(static_cast<double>(p));
         EXPECT_NEAR(FastPow2(p) / exact, 1.0, POW2_TOLERANCE) << p;
     }
+    // Down to the smallest normal float the fit holds too; below it the result stays there.
+    for (float p = -125.95f; p < -100.0f; p += 0.05f) {
+        const double exact = std::exp2(static_cast<double>(p));
+        EXPECT_NEAR(FastPow2(p) / exact, 1.0, POW2_TOLERANCE) << p;
+    }
     EXPECT_FLOAT_EQ(FastPow2(0.0f), 1.0f);
     // Far below the float range it stays a tiny positive number instead of wrapping.
     EXPECT_GT(FastPow2(-1000.0f), 0.0f);
     EXPECT_LT(FastPow2(-1000.0f), 1e-37f);
 }
 
-TEST(FastPow2, ReachesTheLargestFloatAtTheTop) {
-    // No cut below 128: the fit's own bits all the way up, and 2^128 is the largest float.
-    EXPECT_EQ(FastPow2(128.0f), std::numeric_limits<float>::max());
+TEST(FastPow2, ReachesTheTopOfTheFloatRange) {
+    // No cut below 128: the fit's own bits all the way up. At p = 128 they are those of
+    // 8388608 * (128 + 121.27405548 + 27.72802353 / 4.84252548) in floats: 0x7f7fff80, a
+    // finite float within 1e-5 of the largest one.
+    float top = FastPow2(128.0f);
+    uint32_t bits;
+    std::memcpy(&bits, &top, 4);
+    EXPECT_EQ(bits, 0x7f7fff80u);
+    EXPECT_TRUE(std::isfinite(top));
+    EXPECT_NEAR(top / std::numeric_limits<float>::max(), 1.0, 1e-5);
     for (float p = 120.0f; p < 128.0f; p += 0.0625f)
         EXPECT_NEAR(FastPow2(p) / std::exp2(static_cast<double>(p)), 1.0, POW2_TOLERANCE) << p;
     EXPECT_GT(FastPow2(127.995f), FastPow2(127.99f));

@@ -306,7 +306,11 @@ FILE* openStream(const std::string& path, const char* mode) {
 }
 
 bool syncStream(FILE* stream) {
-    if (std::fflush(stream) != 0) return false;
+    // A failed write of an earlier flush leaves only the error flag behind.
+    if (std::fflush(stream) != 0 || std::ferror(stream)) {
+        if (errno == 0) errno = EIO;
+        return false;
+    }
     int fd = -1;
     {
         std::lock_guard<std::mutex> guard(gStreamsLock);
@@ -326,7 +330,11 @@ bool closeStream(FILE* stream) {
         std::lock_guard<std::mutex> guard(gStreamsLock);
         streamFds().erase(stream);
     }
-    return std::fclose(stream) == 0;
+    const bool failedBefore = std::ferror(stream) != 0;
+    const int err = errno;
+    const bool closed = std::fclose(stream) == 0;
+    if (failedBefore && closed) errno = err ? err : EIO;
+    return closed && !failedBefore;
 }
 
 std::string temporaryPathBeside(const std::string& path) {
