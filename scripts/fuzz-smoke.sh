@@ -28,3 +28,4 @@ run() {
 
 run fuzz_sg_decoder "$root/tests/fuzz/corpus/sg_decoder"
 run fuzz_vxg_reader "$root/tests/data"
+run fuzz_blend "$root/tests/fuzz/corpus/blend"
