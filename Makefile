@@ -36,7 +36,7 @@ fuzz: deps
 FUZZ_SECONDS ?= 20
 fuzz-smoke: deps
 	cmake --preset fuzz >/dev/null
-	cmake --build --preset fuzz -j $(JOBS) --target fuzz_sg_decoder fuzz_vxg_reader fuzz_frame_list
+	cmake --build --preset fuzz -j $(JOBS) --target fuzz_sg_decoder fuzz_vxg_reader fuzz_frame_list fuzz_blend
 	scripts/fuzz-smoke.sh build/fuzz $(FUZZ_SECONDS)
 
 # Benchmarks also install what they compare against (OpenVDB); build and test never need it.

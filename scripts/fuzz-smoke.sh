@@ -29,3 +29,4 @@ run() {
 run fuzz_sg_decoder "$root/tests/fuzz/corpus/sg_decoder"
 run fuzz_vxg_reader "$root/tests/data"
 run fuzz_frame_list "$root/tests/fuzz/corpus/frame_list"
+run fuzz_blend "$root/tests/fuzz/corpus/blend"
