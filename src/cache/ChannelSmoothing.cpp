@@ -3,6 +3,7 @@
 #include "cache/ChannelSmoothing.h"
 
 #include <cmath>
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -18,6 +19,8 @@ constexpr float COLD_FLOOR = 0.01f;
 constexpr float WARM_BACKGROUND = 5.0f;
 /// Sum of the smoothing kernel's weights.
 constexpr float SMOOTH_KERNEL_SUM = 32.0f;
+/// Cells of a row smoothed into a stack buffer at a time.
+constexpr int ROW_MAX = 512;
 
 /// Weight 2 on the axis through the centre, 1 off it: the cross profile of the Sobel kernels.
 constexpr int sobelProfile(int d) { return d == 0 ? 2 : 1; }
@@ -39,14 +42,17 @@ int32_t truncToInt32(float v) {
 
 /// The Sobel magnitude of cells x0..x1-1 of one row; neighbours not above `limit` in
 /// magnitude count as the centre's value. Sums run in kernel order, zero weights skipped.
-void sobelRow(const RowSet& n, int x0, int x1, float limit, float* out) {
+/// Written over restrict rows so that the compiler can run it over several cells at once.
+void sobelRow(const RowSet& n, int x0, int x1, float limit, float* __restrict out) {
+    const float* __restrict r[9];
+    for (int k = 0; k < 9; ++k) r[k] = n.row[k];
     for (int x = x0; x < x1; ++x) {
-        const float c = n.row[4][x];
+        const float c = r[4][x];
         float gx = 0.0f, gy = 0.0f, gz = 0.0f;
 #pragma GCC unroll 27
         for (int k = 0; k < 27; ++k) {
             const int dz = k / 9 - 1, dy = (k / 3) % 3 - 1, dx = k % 3 - 1;
-            const float v = n.row[k / 3][x + dx];
+            const float v = r[k / 3][x + dx];
             const float s = std::fabs(v) > limit ? v : c;
             const int wx = dx * sobelProfile(dy) * sobelProfile(dz);
             const int wy = dy * sobelProfile(dx) * sobelProfile(dz);
@@ -59,20 +65,58 @@ void sobelRow(const RowSet& n, int x0, int x1, float limit, float* out) {
     }
 }
 
-/// The smoothing kernel (4 centre, 2 faces, 1 edges, 0.5 corners) at cell x of a row, with the
-/// cell's own limit.
-inline float smoothSum(const RowSet& n, int x, float limit) {
-    const float c = n.row[4][x];
-    float sum = 0.0f;
+/// The smoothed value of every cell x0..x1-1 of a row (4 centre, 2 faces, 1 edges, 0.5
+/// corners; each cell with its own limit), blended by the gradient above `t` when BLEND, into
+/// out[0..x1-x0). One loop per form, so that neither has a branch.
+template <bool BLEND>
+void smoothRowAs(const RowSet& n,
+                 const float* __restrict g,
+                 int x0,
+                 int x1,
+                 float floor,
+                 float similarity,
+                 float t,
+                 float* __restrict out) {
+    const float* __restrict r[9];
+    for (int k = 0; k < 9; ++k) r[k] = n.row[k];
+    const float norm = 1.0f / (SMOOTH_KERNEL_SUM + similarity);
+    for (int x = x0; x < x1; ++x) {
+        const float c = r[4][x];
+        // max and min written as selects (NaN picks the bound, as fmax and fmin do).
+        const float scaled = std::fabs(similarity * c);
+        const float limit = scaled > floor ? scaled : floor;
+        float sum = 0.0f;
 #pragma GCC unroll 27
-    for (int k = 0; k < 27; ++k) {
-        const int dz = k / 9 - 1, dy = (k / 3) % 3 - 1, dx = k % 3 - 1;
-        const int offAxis = (dx != 0) + (dy != 0) + (dz != 0);
-        const float w = 4.0f / static_cast<float>(1 << offAxis);
-        const float v = n.row[k / 3][x + dx];
-        sum += w * (std::fabs(v) > limit ? v : c);
+        for (int k = 0; k < 27; ++k) {
+            const int dz = k / 9 - 1, dy = (k / 3) % 3 - 1, dx = k % 3 - 1;
+            const int offAxis = (dx != 0) + (dy != 0) + (dz != 0);
+            const float w = 4.0f / static_cast<float>(1 << offAxis);
+            const float v = r[k / 3][x + dx];
+            sum += w * (std::fabs(v) > limit ? v : c);
+        }
+        if constexpr (BLEND) {
+            const float ramp = (g[x] - t) / t;
+            const float k = ramp < 1.0f ? ramp : 1.0f;
+            out[x - x0] = c * (1.0f - k) + sum * norm * k;
+        } else {
+            out[x - x0] = sum * norm;
+        }
     }
-    return sum;
+}
+
+void smoothRow(const RowSet& n,
+               const float* g,
+               int x0,
+               int x1,
+               float floor,
+               float similarity,
+               float t,
+               float* out) {
+    // Thresholds this small are taken as none: the plain smoothed value.
+    if (t < 0.0001f)
+        smoothRowAs<false>(n, g, x0, x1, floor, similarity, t, out);
+    else
+        smoothRowAs<true>(n, g, x0, x1, floor, similarity, t, out);
 }
 
 }  // namespace
@@ -170,7 +214,6 @@ void Sobel::jobProc(Job& job) {
 void MTSmooth::jobProc(Job& job) {
     const int nx = size[0], ny = size[1];
     const int64_t sy = nx, sz = int64_t(nx) * ny;
-    const float norm = 1.0f / (SMOOTH_KERNEL_SUM + settings.similarity);
     const float t = threshold;
     for (uint64_t p = job.first; p < job.last; ++p) {
         const int z = static_cast<int>(p) + 1;
@@ -195,25 +238,17 @@ void MTSmooth::jobProc(Job& job) {
             continue;
         }
         float* out = results + planeStart[z];
+        float row[ROW_MAX];
         for (int y = 1; y < ny - 1; ++y) {
             const int64_t rowStart = z * sz + y * sy;
             const float* g = gradient + rowStart;
             const RowSet n(field, rowStart, sy, sz);
-            const float* f = field + rowStart;
-            for (int x = 1; x < nx - 1; ++x) {
-                const float gx = g[x];
-                if (gx < t) continue;
-                const float v = f[x];
-                const float limit = std::fmax(floor, std::fabs(settings.similarity * v));
-                const float s = smoothSum(n, x, limit);
-                float result;
-                if (t < 0.0001f) {
-                    result = s * norm;
-                } else {
-                    const float k = std::fmin(1.0f, (gx - t) / t);
-                    result = v * (1.0f - k) + s * norm * k;
-                }
-                *out++ = result;
+            // Whole stretches of the row at once, then the qualifying cells packed.
+            for (int x0 = 1; x0 < nx - 1; x0 += ROW_MAX - 2) {
+                const int x1 = std::min(nx - 1, x0 + ROW_MAX - 2);
+                smoothRow(n, g, x0, x1, floor, settings.similarity, t, row);
+                for (int x = x0; x < x1; ++x)
+                    if (!(g[x] < t)) *out++ = row[x - x0];
             }
         }
     }

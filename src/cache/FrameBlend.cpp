@@ -282,6 +282,8 @@ private:
                         std::copy(pA, pA + 3, best);
                         break;
                     }
+                    // Without a direction p stays put: the rounds left could not change best.
+                    if (dir[0] == 0.0f && dir[1] == 0.0f && dir[2] == 0.0f) break;
                     for (int k = 0; k < 3; ++k) p[k] += dir[k];
                 } else {
                     double step[3];
@@ -292,7 +294,12 @@ private:
                         const double inv = 1.0 / std::sqrt(s2);
                         for (double& s : step) s *= inv;
                     }
+                    const float before[3] = {p[0], p[1], p[2]};
                     for (int k = 0; k < 3; ++k) p[k] -= static_cast<float>(step[k]);
+                    // A step too small to move p in float: every further round would sample the
+                    // same place, find the same error and take the same step, so none of them
+                    // could change `best`. Stopping here gives the same answer sooner.
+                    if (p[0] == before[0] && p[1] == before[1] && p[2] == before[2]) break;
                 }
             }
             std::copy(best, best + 3, source + 3 * i);
