@@ -715,7 +715,16 @@ LoadFrameResult VaporixFrameData::Blend(const VaporixFrameData& A,
         // The traces cost up to twenty samples a cell: they are searched only for a new pair
         // (or when the kept ones no longer fit the grid).
         if (sourcesChanged || blendSourceCells != cells) {
-            clearBlendScratch();
+            // Arrays of the right size are kept for reuse: first touch of fresh memory costs
+            // about as much as the search itself. Those of channels not traced now go.
+            for (int c = 0; c < CHANNEL_COUNT; ++c) {
+                const bool traced = channels[c] && ((both >> c) & 1u) && !((done >> c) & 1u);
+                if (!traced || blendSourceCells != cells) {
+                    internal::arrayRelease(blendSource[c]);
+                    blendSource[c] = nullptr;
+                }
+            }
+            blendSourceCells = 0;
             MTCalcBlendSource engine;
             engine.geo = &geo;
             engine.timeStep = A.timeStep;
@@ -725,8 +734,9 @@ LoadFrameResult VaporixFrameData::Blend(const VaporixFrameData& A,
             const int64_t cellsA = A.getCellCount();
             for (int c = 0; c < CHANNEL_COUNT; ++c) {
                 if (!channels[c] || !((both >> c) & 1u) || ((done >> c) & 1u)) continue;
-                blendSource[c] = static_cast<float*>(
-                    internal::arrayAllocate(static_cast<size_t>(cells) * 3 * sizeof(float)));
+                if (!blendSource[c])
+                    blendSource[c] = static_cast<float*>(
+                        internal::arrayAllocate(static_cast<size_t>(cells) * 3 * sizeof(float)));
                 if (!blendSource[c] || (cellsA > 0 && gradient.count != cellsA * 3 &&
                                         !gradient.resize(cellsA * 3, nullptr, true))) {
                     clearBlendScratch();
