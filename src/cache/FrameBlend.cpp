@@ -190,9 +190,9 @@ public:
 // ---------------------------------------------------------------------------------------------
 // Along the velocity
 
-/// Mode 0, unit = cell of A: forward-difference gradient of A's channel. Mode 1, unit =
-/// destination cell: the point of A whose value matches B's value in the cell, found by a
-/// damped Newton search along the gradient that starts half a velocity step back.
+/// Unit = destination cell: the point of A whose value matches B's value in the cell, found by
+/// a damped Newton search along A's forward-difference gradient that starts half a velocity
+/// step back.
 class MTCalcBlendSource : public MTJobs {
 public:
     const char* getName() const override { return "MTCalcBlendSource"; }
@@ -202,33 +202,23 @@ public:
     const float* srcB = nullptr;
     const float* velocity[3] = {nullptr, nullptr, nullptr};
     float timeStep = 0.0f;
-    float* gradient = nullptr;
     float* source = nullptr;
 
     void jobProc(Job& job) override {
         if (job.first >= job.last) return;
-        if (job.mode == 0)
-            gradientRange(job.first, job.last);
-        else
-            searchRange(job.first, job.last);
+        searchRange(job.first, job.last);
     }
 
 private:
-    void gradientRange(uint64_t first, uint64_t last) {
-        const int32_t* size = geo->a;
-        const int64_t strides[3] = {1, size[0], int64_t(size[0]) * size[1]};
-        CellCounter at;
-        at.start(first, size);
-        for (uint64_t i = first; i < last; ++i, at.step()) {
-            const int64_t c[3] = {at.x, at.y, at.z};
-            float* g = gradient + 3 * i;
-            for (int k = 0; k < 3; ++k)
-                g[k] = c[k] < size[k] - 1 ? srcA[int64_t(i) + strides[k]] - srcA[i] : 0.0f;
-        }
-    }
-
     void searchRange(uint64_t first, uint64_t last) {
         const int32_t* sizeA = geo->a;
+        const int64_t sx = sizeA[0], sxy = int64_t(sizeA[0]) * sizeA[1];
+        // Below these a point's cell and the next ones along every axis are all inside A.
+        const float innerTop[3] = {static_cast<float>(sizeA[0] - 1),
+                                   static_cast<float>(sizeA[1] - 1),
+                                   static_cast<float>(sizeA[2] - 1)};
+        const float outerTop[3] = {static_cast<float>(sizeA[0]), static_cast<float>(sizeA[1]),
+                                   static_cast<float>(sizeA[2])};
         CellCounter at;
         at.start(first, geo->dst);
         for (uint64_t i = first; i < last; ++i, at.step()) {
@@ -259,19 +249,53 @@ private:
             float best[3] = {p[0], p[1], p[2]};
             float bestError = NO_ERROR_YET;
             for (int round = 0; round < SEARCH_ROUNDS; ++round) {
-                const float e = sampleOne(srcA, sizeA, p) - target;
-                if (std::fabs(e) < bestError) {
-                    bestError = std::fabs(e);
-                    std::copy(p, p + 3, best);
+                float e, g[3];
+                if (p[0] >= 0.0f && p[0] < innerTop[0] && p[1] >= 0.0f && p[1] < innerTop[1] &&
+                    p[2] >= 0.0f && p[2] < innerTop[2]) {
+                    // Well inside: sampleOne's arithmetic in its order, on a cube that also
+                    // gives the gradient of the point's cell.
+                    const int64_t cx = static_cast<int64_t>(p[0]), cy = static_cast<int64_t>(p[1]),
+                                  cz = static_cast<int64_t>(p[2]);
+                    const float fx = p[0] - static_cast<float>(cx),
+                                fy = p[1] - static_cast<float>(cy),
+                                fz = p[2] - static_cast<float>(cz);
+                    const float ux = 1.0f - fx, uy = 1.0f - fy, uz = 1.0f - fz;
+                    const float* c = srcA + (cx + sx * cy + sxy * cz);
+                    float sum = 0.0f;
+                    sum += ux * uy * uz * c[0];
+                    sum += fx * uy * uz * c[1];
+                    sum += ux * fy * uz * c[sx];
+                    sum += fx * fy * uz * c[sx + 1];
+                    sum += ux * uy * fz * c[sxy];
+                    sum += fx * uy * fz * c[sxy + 1];
+                    sum += ux * fy * fz * c[sxy + sx];
+                    sum += fx * fy * fz * c[sxy + sx + 1];
+                    e = sum - target;
+                    if (std::fabs(e) < bestError) {
+                        bestError = std::fabs(e);
+                        std::copy(p, p + 3, best);
+                    }
+                    g[0] = c[1] - c[0];
+                    g[1] = c[sx] - c[0];
+                    g[2] = c[sxy] - c[0];
+                } else {
+                    e = sampleOne(srcA, sizeA, p) - target;
+                    if (std::fabs(e) < bestError) {
+                        bestError = std::fabs(e);
+                        std::copy(p, p + 3, best);
+                    }
+                    // Also false for NaN, so the conversion below sees only values in range.
+                    if (!(p[0] > -1.0f && p[0] < outerTop[0] && p[1] > -1.0f &&
+                          p[1] < outerTop[1] && p[2] > -1.0f && p[2] < outerTop[2]))
+                        break;
+                    const int64_t c[3] = {static_cast<int64_t>(p[0]), static_cast<int64_t>(p[1]),
+                                          static_cast<int64_t>(p[2])};
+                    const float* here = srcA + (c[0] + sx * c[1] + sxy * c[2]);
+                    // Forward differences, 0 on the last cell of an axis.
+                    g[0] = c[0] < sizeA[0] - 1 ? here[1] - here[0] : 0.0f;
+                    g[1] = c[1] < sizeA[1] - 1 ? here[sx] - here[0] : 0.0f;
+                    g[2] = c[2] < sizeA[2] - 1 ? here[sxy] - here[0] : 0.0f;
                 }
-                // Also false for NaN, so the conversion below sees only values in range.
-                if (!(p[0] > -1.0f && p[0] < static_cast<float>(sizeA[0]) && p[1] > -1.0f &&
-                      p[1] < static_cast<float>(sizeA[1]) && p[2] > -1.0f &&
-                      p[2] < static_cast<float>(sizeA[2])))
-                    break;
-                const int64_t q = cellIndex(sizeA, static_cast<int64_t>(p[0]),
-                                            static_cast<int64_t>(p[1]), static_cast<int64_t>(p[2]));
-                const float* g = gradient + 3 * q;
                 const float m = g[0] * g[0] + g[1] * g[1] + g[2] * g[2];
                 if (m < FLAT_GRADIENT) {
                     // Flat here: walk along the velocity until a whole step is used up, and take
@@ -730,28 +754,24 @@ LoadFrameResult VaporixFrameData::Blend(const VaporixFrameData& A,
             engine.timeStep = A.timeStep;
             for (int k = 0; k < 3; ++k) engine.velocity[k] = chA[CH_VELOCITY_X + k];
             engine.init(blendThreads);
-            iArray<float, int64_t> gradient;
             const int64_t cellsA = A.getCellCount();
             for (int c = 0; c < CHANNEL_COUNT; ++c) {
                 if (!channels[c] || !((both >> c) & 1u) || ((done >> c) & 1u)) continue;
                 if (!blendSource[c])
                     blendSource[c] = static_cast<float*>(
                         internal::arrayAllocate(static_cast<size_t>(cells) * 3 * sizeof(float)));
-                if (!blendSource[c] || (cellsA > 0 && gradient.count != cellsA * 3 &&
-                                        !gradient.resize(cellsA * 3, nullptr, true))) {
+                if (!blendSource[c]) {
                     clearBlendScratch();
                     result.code = FRAME_RESULT_NONE;
                     return result;
                 }
                 engine.srcA = chA[c];
                 engine.srcB = chB[c];
-                engine.gradient = gradient.data;
                 engine.source = blendSource[c];
                 if (cellsA > 0) {
-                    engine.setSpan(static_cast<uint64_t>(cellsA));
-                    engine.runJobs(0);
+                    // The gradient is read from A where the search needs it: no pass of its own.
                     engine.setSpan(static_cast<uint64_t>(cells));
-                    engine.runJobs(1);
+                    engine.runJobs(0);
                 } else {
                     // An empty A: every trace stays at the cell's own place.
                     for (int64_t i = 0; i < cells * 3; ++i) blendSource[c][i] = 0.0f;
