@@ -119,7 +119,7 @@ inline float trilinear(const float* ch, float x, float y, float z) {
 void BM_Plain20TrilinearSamples(benchmark::State& state) {
     Frames& f = frames();
     const int64_t n = f.a.getCellCount();
-    std::vector<float> out(size_t(n));
+    std::vector<float> out(static_cast<size_t>(n));
     for (auto _ : state) {
         for (int c : CHANNELS) {
             const float* ch = f.a.channels[c];

@@ -190,9 +190,9 @@ public:
 // ---------------------------------------------------------------------------------------------
 // Along the velocity
 
-/// Mode 0, unit = cell of A: forward-difference gradient of A's channel. Mode 1, unit =
-/// destination cell: the point of A whose value matches B's value in the cell, found by a
-/// damped Newton search along the gradient that starts half a velocity step back.
+/// Unit = destination cell: the point of A whose value matches B's value in the cell, found by
+/// a damped Newton search along A's forward-difference gradient that starts half a velocity
+/// step back.
 class MTCalcBlendSource : public MTJobs {
 public:
     const char* getName() const override { return "MTCalcBlendSource"; }
@@ -202,107 +202,185 @@ public:
     const float* srcB = nullptr;
     const float* velocity[3] = {nullptr, nullptr, nullptr};
     float timeStep = 0.0f;
-    float* gradient = nullptr;
     float* source = nullptr;
 
     void jobProc(Job& job) override {
         if (job.first >= job.last) return;
-        if (job.mode == 0)
-            gradientRange(job.first, job.last);
-        else
-            searchRange(job.first, job.last);
+        searchRange(job.first, job.last);
     }
 
 private:
-    void gradientRange(uint64_t first, uint64_t last) {
-        const int32_t* size = geo->a;
-        const int64_t strides[3] = {1, size[0], int64_t(size[0]) * size[1]};
-        CellCounter at;
-        at.start(first, size);
-        for (uint64_t i = first; i < last; ++i, at.step()) {
-            const int64_t c[3] = {at.x, at.y, at.z};
-            float* g = gradient + 3 * i;
-            for (int k = 0; k < 3; ++k)
-                g[k] = c[k] < size[k] - 1 ? srcA[int64_t(i) + strides[k]] - srcA[i] : 0.0f;
+    /// One cell's search under way.
+    struct Trace {
+        uint64_t i = 0;
+        int round = 0;
+        float pA[3], p[3], dir[3], best[3];
+        float limit = 0.0f, target = 0.0f, bestError = NO_ERROR_YET;
+    };
+    /// A's extent as the search reads it, made once a job.
+    struct Extent {
+        int64_t sx = 0, sxy = 0;
+        /// Below these a point's cell and the next ones along every axis are all inside A.
+        float innerTop[3] = {0.0f, 0.0f, 0.0f};
+        float outerTop[3] = {0.0f, 0.0f, 0.0f};
+    };
+
+    /// Sets up the search of destination cell i, at `at`.
+    void start(Trace& s, const CellCounter& at, uint64_t i) const {
+        const int32_t* sizeA = geo->a;
+        s.i = i;
+        s.round = 0;
+        const int64_t xa = at.x + geo->offsetA[0], ya = at.y + geo->offsetA[1],
+                      za = at.z + geo->offsetA[2];
+        s.pA[0] = static_cast<float>(xa);
+        s.pA[1] = static_cast<float>(ya);
+        s.pA[2] = static_cast<float>(za);
+        const int64_t ia = cellIndex(sizeA, xa, ya, za);
+        float v[3] = {0.0f, 0.0f, 0.0f};
+        if (ia >= 0)
+            for (int k = 0; k < 3; ++k) v[k] = velocity[k][ia];
+
+        // Half a step back along the velocity to start, a whole step as the limit.
+        float d[3];
+        for (int k = 0; k < 3; ++k) d[k] = -v[k] * timeStep;
+        s.limit = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+        for (int k = 0; k < 3; ++k) s.p[k] = s.pA[k] + d[k] * 0.5f;
+        const float length = std::sqrt(s.limit);
+        const float largest =
+            std::max(std::fabs(d[0]), std::max(std::fabs(d[1]), std::fabs(d[2])));
+        // Without a velocity the direction stays unset: the first flat test ends the search.
+        for (float& k : s.dir) k = 0.0f;
+        if (1e18f * length > largest)
+            for (int k = 0; k < 3; ++k) s.dir[k] = d[k] / length;
+
+        const int64_t ib = cellIndex(geo->b, at.x + geo->offsetB[0], at.y + geo->offsetB[1],
+                                     at.z + geo->offsetB[2]);
+        s.target = ib >= 0 ? srcB[ib] : 0.0f;
+        std::copy(s.p, s.p + 3, s.best);
+        s.bestError = NO_ERROR_YET;
+    }
+
+    /// One round of the search. @return false once the search is over (`best` is its answer).
+    bool searchRound(Trace& s, const Extent& a) const {
+        const int64_t sx = a.sx, sxy = a.sxy;
+        const float* innerTop = a.innerTop;
+        const float* outerTop = a.outerTop;
+        float* p = s.p;
+        float e, g[3];
+        if (p[0] >= 0.0f && p[0] < innerTop[0] && p[1] >= 0.0f && p[1] < innerTop[1] &&
+            p[2] >= 0.0f && p[2] < innerTop[2]) {
+            // Well inside: sampleOne's arithmetic in its order, on a cube that also gives the
+            // gradient of the point's cell.
+            const int64_t cx = static_cast<int64_t>(p[0]), cy = static_cast<int64_t>(p[1]),
+                          cz = static_cast<int64_t>(p[2]);
+            const float fx = p[0] - static_cast<float>(cx), fy = p[1] - static_cast<float>(cy),
+                        fz = p[2] - static_cast<float>(cz);
+            const float ux = 1.0f - fx, uy = 1.0f - fy, uz = 1.0f - fz;
+            const float* c = srcA + (cx + sx * cy + sxy * cz);
+            float sum = 0.0f;
+            sum += ux * uy * uz * c[0];
+            sum += fx * uy * uz * c[1];
+            sum += ux * fy * uz * c[sx];
+            sum += fx * fy * uz * c[sx + 1];
+            sum += ux * uy * fz * c[sxy];
+            sum += fx * uy * fz * c[sxy + 1];
+            sum += ux * fy * fz * c[sxy + sx];
+            sum += fx * fy * fz * c[sxy + sx + 1];
+            e = sum - s.target;
+            if (std::fabs(e) < s.bestError) {
+                s.bestError = std::fabs(e);
+                std::copy(p, p + 3, s.best);
+            }
+            g[0] = c[1] - c[0];
+            g[1] = c[sx] - c[0];
+            g[2] = c[sxy] - c[0];
+        } else {
+            const int32_t* sizeA = geo->a;
+            e = sampleOne(srcA, sizeA, p) - s.target;
+            if (std::fabs(e) < s.bestError) {
+                s.bestError = std::fabs(e);
+                std::copy(p, p + 3, s.best);
+            }
+            // Also false for NaN, so the conversion below sees only values in range.
+            if (!(p[0] > -1.0f && p[0] < outerTop[0] && p[1] > -1.0f && p[1] < outerTop[1] &&
+                  p[2] > -1.0f && p[2] < outerTop[2]))
+                return false;
+            const int64_t c[3] = {static_cast<int64_t>(p[0]), static_cast<int64_t>(p[1]),
+                                  static_cast<int64_t>(p[2])};
+            const float* here = srcA + (c[0] + sx * c[1] + sxy * c[2]);
+            // Forward differences, 0 on the last cell of an axis.
+            g[0] = c[0] < sizeA[0] - 1 ? here[1] - here[0] : 0.0f;
+            g[1] = c[1] < sizeA[1] - 1 ? here[sx] - here[0] : 0.0f;
+            g[2] = c[2] < sizeA[2] - 1 ? here[sxy] - here[0] : 0.0f;
         }
+        const float m = g[0] * g[0] + g[1] * g[1] + g[2] * g[2];
+        if (m < FLAT_GRADIENT) {
+            // Flat here: walk along the velocity until a whole step is used up, and take the
+            // cell's own place when nothing better turned up.
+            const float dp[3] = {p[0] - s.pA[0], p[1] - s.pA[1], p[2] - s.pA[2]};
+            if (!(dp[0] * dp[0] + dp[1] * dp[1] + dp[2] * dp[2] < s.limit)) {
+                std::copy(s.pA, s.pA + 3, p);
+                std::copy(s.pA, s.pA + 3, s.best);
+                return false;
+            }
+            // Without a direction p stays put: the rounds left could not change best.
+            if (s.dir[0] == 0.0f && s.dir[1] == 0.0f && s.dir[2] == 0.0f) return false;
+            for (int k = 0; k < 3; ++k) p[k] += s.dir[k];
+        } else {
+            double step[3];
+            const double f = static_cast<double>(e) / static_cast<double>(m);
+            for (int k = 0; k < 3; ++k) step[k] = static_cast<double>(g[k]) * f * STEP_DAMPING;
+            const double s2 = step[0] * step[0] + step[1] * step[1] + step[2] * step[2];
+            if (s2 > 1.0) {
+                const double inv = 1.0 / std::sqrt(s2);
+                for (double& k : step) k *= inv;
+            }
+            const float before[3] = {p[0], p[1], p[2]};
+            for (int k = 0; k < 3; ++k) p[k] -= static_cast<float>(step[k]);
+            // A step too small to move p in float: every further round would sample the same
+            // place, find the same error and take the same step, so none of them could change
+            // `best`. Stopping here gives the same answer sooner.
+            if (p[0] == before[0] && p[1] == before[1] && p[2] == before[2]) return false;
+        }
+        return ++s.round < SEARCH_ROUNDS;
     }
 
     void searchRange(uint64_t first, uint64_t last) {
         const int32_t* sizeA = geo->a;
+        Extent extent;
+        extent.sx = sizeA[0];
+        extent.sxy = int64_t(sizeA[0]) * sizeA[1];
+        for (int k = 0; k < 3; ++k) {
+            extent.innerTop[k] = static_cast<float>(sizeA[k] - 1);
+            extent.outerTop[k] = static_cast<float>(sizeA[k]);
+        }
+        // Each round waits on the one before (sample, division, step): several cells are
+        // searched side by side so that the processor can overlap their rounds. Every cell
+        // still goes through its own rounds in order, so its answer is the same.
+        constexpr int LANES = 4;
+        Trace lane[LANES];
+        int live = 0;
         CellCounter at;
         at.start(first, geo->dst);
-        for (uint64_t i = first; i < last; ++i, at.step()) {
-            const int64_t xa = at.x + geo->offsetA[0], ya = at.y + geo->offsetA[1],
-                          za = at.z + geo->offsetA[2];
-            const float pA[3] = {static_cast<float>(xa), static_cast<float>(ya),
-                                 static_cast<float>(za)};
-            const int64_t ia = cellIndex(sizeA, xa, ya, za);
-            float v[3] = {0.0f, 0.0f, 0.0f};
-            if (ia >= 0)
-                for (int k = 0; k < 3; ++k) v[k] = velocity[k][ia];
-
-            // Half a step back along the velocity to start, a whole step as the limit.
-            float d[3], p[3], dir[3] = {0.0f, 0.0f, 0.0f};
-            for (int k = 0; k < 3; ++k) d[k] = -v[k] * timeStep;
-            const float limit = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
-            for (int k = 0; k < 3; ++k) p[k] = pA[k] + d[k] * 0.5f;
-            const float length = std::sqrt(limit);
-            const float largest =
-                std::max(std::fabs(d[0]), std::max(std::fabs(d[1]), std::fabs(d[2])));
-            // Without a velocity the direction stays unset: the first flat test ends the search.
-            if (1e18f * length > largest)
-                for (int k = 0; k < 3; ++k) dir[k] = d[k] / length;
-
-            const int64_t ib = cellIndex(geo->b, at.x + geo->offsetB[0], at.y + geo->offsetB[1],
-                                         at.z + geo->offsetB[2]);
-            const float target = ib >= 0 ? srcB[ib] : 0.0f;
-            float best[3] = {p[0], p[1], p[2]};
-            float bestError = NO_ERROR_YET;
-            for (int round = 0; round < SEARCH_ROUNDS; ++round) {
-                const float e = sampleOne(srcA, sizeA, p) - target;
-                if (std::fabs(e) < bestError) {
-                    bestError = std::fabs(e);
-                    std::copy(p, p + 3, best);
+        uint64_t next = first;
+        for (; live < LANES && next < last; ++live, ++next, at.step()) start(lane[live], at, next);
+        while (live > 0) {
+            for (int k = 0; k < live;) {
+                Trace& s = lane[k];
+                if (searchRound(s, extent)) {
+                    ++k;
+                    continue;
                 }
-                // Also false for NaN, so the conversion below sees only values in range.
-                if (!(p[0] > -1.0f && p[0] < static_cast<float>(sizeA[0]) && p[1] > -1.0f &&
-                      p[1] < static_cast<float>(sizeA[1]) && p[2] > -1.0f &&
-                      p[2] < static_cast<float>(sizeA[2])))
-                    break;
-                const int64_t q = cellIndex(sizeA, static_cast<int64_t>(p[0]),
-                                            static_cast<int64_t>(p[1]), static_cast<int64_t>(p[2]));
-                const float* g = gradient + 3 * q;
-                const float m = g[0] * g[0] + g[1] * g[1] + g[2] * g[2];
-                if (m < FLAT_GRADIENT) {
-                    // Flat here: walk along the velocity until a whole step is used up, and take
-                    // the cell's own place when nothing better turned up.
-                    const float dp[3] = {p[0] - pA[0], p[1] - pA[1], p[2] - pA[2]};
-                    if (!(dp[0] * dp[0] + dp[1] * dp[1] + dp[2] * dp[2] < limit)) {
-                        std::copy(pA, pA + 3, p);
-                        std::copy(pA, pA + 3, best);
-                        break;
-                    }
-                    // Without a direction p stays put: the rounds left could not change best.
-                    if (dir[0] == 0.0f && dir[1] == 0.0f && dir[2] == 0.0f) break;
-                    for (int k = 0; k < 3; ++k) p[k] += dir[k];
+                std::copy(s.best, s.best + 3, source + 3 * s.i);
+                if (next < last) {
+                    start(s, at, next);
+                    ++next;
+                    at.step();
+                    ++k;
                 } else {
-                    double step[3];
-                    const double f = static_cast<double>(e) / static_cast<double>(m);
-                    for (int k = 0; k < 3; ++k) step[k] = static_cast<double>(g[k]) * f * STEP_DAMPING;
-                    const double s2 = step[0] * step[0] + step[1] * step[1] + step[2] * step[2];
-                    if (s2 > 1.0) {
-                        const double inv = 1.0 / std::sqrt(s2);
-                        for (double& s : step) s *= inv;
-                    }
-                    const float before[3] = {p[0], p[1], p[2]};
-                    for (int k = 0; k < 3; ++k) p[k] -= static_cast<float>(step[k]);
-                    // A step too small to move p in float: every further round would sample the
-                    // same place, find the same error and take the same step, so none of them
-                    // could change `best`. Stopping here gives the same answer sooner.
-                    if (p[0] == before[0] && p[1] == before[1] && p[2] == before[2]) break;
+                    s = lane[--live];
                 }
             }
-            std::copy(best, best + 3, source + 3 * i);
         }
     }
 };
@@ -715,33 +793,39 @@ LoadFrameResult VaporixFrameData::Blend(const VaporixFrameData& A,
         // The traces cost up to twenty samples a cell: they are searched only for a new pair
         // (or when the kept ones no longer fit the grid).
         if (sourcesChanged || blendSourceCells != cells) {
-            clearBlendScratch();
+            // Arrays of the right size are kept for reuse: first touch of fresh memory costs
+            // about as much as the search itself. Those of channels not traced now go.
+            for (int c = 0; c < CHANNEL_COUNT; ++c) {
+                const bool traced = channels[c] && ((both >> c) & 1u) && !((done >> c) & 1u);
+                if (!traced || blendSourceCells != cells) {
+                    internal::arrayRelease(blendSource[c]);
+                    blendSource[c] = nullptr;
+                }
+            }
+            blendSourceCells = 0;
             MTCalcBlendSource engine;
             engine.geo = &geo;
             engine.timeStep = A.timeStep;
             for (int k = 0; k < 3; ++k) engine.velocity[k] = chA[CH_VELOCITY_X + k];
             engine.init(blendThreads);
-            iArray<float, int64_t> gradient;
             const int64_t cellsA = A.getCellCount();
             for (int c = 0; c < CHANNEL_COUNT; ++c) {
                 if (!channels[c] || !((both >> c) & 1u) || ((done >> c) & 1u)) continue;
-                blendSource[c] = static_cast<float*>(
-                    internal::arrayAllocate(static_cast<size_t>(cells) * 3 * sizeof(float)));
-                if (!blendSource[c] || (cellsA > 0 && gradient.count != cellsA * 3 &&
-                                        !gradient.resize(cellsA * 3, nullptr, true))) {
+                if (!blendSource[c])
+                    blendSource[c] = static_cast<float*>(
+                        internal::arrayAllocate(static_cast<size_t>(cells) * 3 * sizeof(float)));
+                if (!blendSource[c]) {
                     clearBlendScratch();
                     result.code = FRAME_RESULT_NONE;
                     return result;
                 }
                 engine.srcA = chA[c];
                 engine.srcB = chB[c];
-                engine.gradient = gradient.data;
                 engine.source = blendSource[c];
                 if (cellsA > 0) {
-                    engine.setSpan(static_cast<uint64_t>(cellsA));
-                    engine.runJobs(0);
+                    // The gradient is read from A where the search needs it: no pass of its own.
                     engine.setSpan(static_cast<uint64_t>(cells));
-                    engine.runJobs(1);
+                    engine.runJobs(0);
                 } else {
                     // An empty A: every trace stays at the cell's own place.
                     for (int64_t i = 0; i < cells * 3; ++i) blendSource[c][i] = 0.0f;
