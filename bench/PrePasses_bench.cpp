@@ -132,10 +132,10 @@ void BM_FftwPair(benchmark::State& state) {
     const std::vector<float> in = box128();
     std::vector<float> out(in.size());
     float* work = fftwf_alloc_real(in.size());
-    const fftwf_r2r_kind fwd[3] = {FFTW_REDFT10, FFTW_REDFT10, FFTW_REDFT10};
-    const fftwf_r2r_kind inv[3] = {FFTW_REDFT01, FFTW_REDFT01, FFTW_REDFT01};
-    fftwf_plan pf = fftwf_plan_r2r_3d(128, 128, 128, work, work, fwd, FFTW_MEASURE);
-    fftwf_plan pi = fftwf_plan_r2r_3d(128, 128, 128, work, work, inv, FFTW_MEASURE);
+    fftwf_plan pf = fftwf_plan_r2r_3d(128, 128, 128, work, work, FFTW_REDFT10, FFTW_REDFT10,
+                                      FFTW_REDFT10, FFTW_MEASURE);
+    fftwf_plan pi = fftwf_plan_r2r_3d(128, 128, 128, work, work, FFTW_REDFT01, FFTW_REDFT01,
+                                      FFTW_REDFT01, FFTW_MEASURE);
     const float scale = 1.0f / (256.0f * 256.0f * 256.0f);
     for (auto _ : state) {
         std::copy(in.begin(), in.end(), work);
