@@ -70,14 +70,14 @@ void Displacement::release() {
 }
 
 bool Displacement::aborted() {
-    if (mCancelled) return true;
-    if (progress && progress->checkAbort()) mCancelled = true;
-    return mCancelled;
+    if (mCancelled.load(std::memory_order_relaxed)) return true;
+    if (progress && progress->checkAbort()) mCancelled.store(true);
+    return mCancelled.load();
 }
 
 int Displacement::PrepareDisplacement(VolumeShader& shader, bool preview) {
     (void)preview;
-    mCancelled = false;
+    mCancelled.store(false);
     shader.flags &= ~VolumeShader::hasDisplacement;
     // The two resampling levels move the arguments themselves; the surface texture replaces
     // the surface those levels follow, so they don't run with one.
@@ -122,7 +122,7 @@ bool Displacement::smooth(float* field, int components, bool surfaceOnly, const 
 
 bool Displacement::smoothOrCancel(float* field, int components, bool surfaceOnly, const int n[3]) {
     if (smooth(field, components, surfaceOnly, n)) return true;
-    if (progress && progress->checkAbort()) mCancelled = true;
+    if (progress && progress->checkAbort()) mCancelled.store(true);
     return false;
 }
 

@@ -79,7 +79,7 @@ public:
     const float* surfaceNormal() const { return mNormal.get(); }
     /// The four resampled argument arrays (one block); null when not resampled.
     const float* displacedChannels() const { return mChannels.get(); }
-    bool cancelled() const { return mCancelled; }
+    bool cancelled() const { return mCancelled.load(); }
 
     /// Threads of the passes (-1: all) and the progress texts and abort (may be null).
     int threads = -1;
@@ -98,7 +98,7 @@ private:
     std::unique_ptr<float[]> mChannels;
     CosSpectrum<3> mSpectrum;
     int mSize[3] = {0, 0, 0};
-    bool mCancelled = false;
+    std::atomic<bool> mCancelled{false};
 };
 
 }  // namespace vaporix

@@ -171,7 +171,7 @@ public:
 
     void jobProc(Job& job) override {
         const int width = 2 * radius + 1;
-        std::unique_ptr<float[]> ring = allocScratch(uint64_t(3) * width, MB_SCRATCH_RING);
+        std::unique_ptr<float[]> ring = allocScratch(uint64_t(6) * width, MB_SCRATCH_RING);
         if (!ring) {
             failed.store(true);
             return;
@@ -198,33 +198,39 @@ public:
     }
 
 private:
-    /// out[i] = sum over j of in[i - r + j] * kernel[j], inputs outside the line being 0.
+    /// out[i] = sum over j of in[i - r + j] * kernel[j], inputs outside the line being 0. The
+    /// ring holds each input twice (slots s and s + width), so that every window of it is
+    /// contiguous.
     void filterLine(float* line, int64_t step, int len, float* ring, int width) const {
-        // Ring slot of input i: i mod width. Fill with the inputs -r .. r - 1 first.
-        for (int i = -radius; i < radius; ++i) {
-            float* slot = ring + 3 * (((i % width) + width) % width);
+        auto put = [&](int i) {
+            float* a = ring + 3 * (((i % width) + width) % width);
+            float* b = a + 3 * width;
             if (i < 0 || i >= len) {
-                slot[0] = slot[1] = slot[2] = 0.0f;
+                a[0] = a[1] = a[2] = b[0] = b[1] = b[2] = 0.0f;
             } else {
-                std::memcpy(slot, line + 3 * step * i, 3 * sizeof(float));
+                const float* in = line + 3 * step * i;
+                a[0] = b[0] = in[0];
+                a[1] = b[1] = in[1];
+                a[2] = b[2] = in[2];
             }
-        }
+        };
+        for (int i = -radius; i < radius; ++i) put(i);
+        int start = ((-radius % width) + width) % width;  // slot of input i - r
         for (int i = 0; i < len; ++i) {
-            const int ahead = i + radius;
-            float* slot = ring + 3 * (ahead % width);
-            if (ahead < len)
-                std::memcpy(slot, line + 3 * step * ahead, 3 * sizeof(float));
-            else
-                slot[0] = slot[1] = slot[2] = 0.0f;
-            float* out = line + 3 * step * i;
-            out[0] = out[1] = out[2] = 0.0f;
+            put(i + radius);
+            const float* in = ring + 3 * start;
+            float s0 = 0.0f, s1 = 0.0f, s2 = 0.0f;
             for (int j = 0; j < width; ++j) {
-                const float* in = ring + 3 * (((i - radius + j) % width + width) % width);
                 const float k = kernel[j];
-                out[0] += in[0] * k;
-                out[1] += in[1] * k;
-                out[2] += in[2] * k;
+                s0 += in[3 * j] * k;
+                s1 += in[3 * j + 1] * k;
+                s2 += in[3 * j + 2] * k;
             }
+            float* out = line + 3 * step * i;
+            out[0] = s0;
+            out[1] = s1;
+            out[2] = s2;
+            if (++start == width) start = 0;
         }
     }
 };

@@ -185,5 +185,51 @@ TEST(TextureRender, SlotThatDoesNotParseFailsThePreparation) {
     EXPECT_EQ(error.rfind("displ0: unknown texture kind 'garbage'", 0), 0u) << error;
 }
 
+/// Renders the still ball with extra settings.
+Image renderBall(const std::vector<const char*>& settings, bool* displaced = nullptr) {
+    const float v[3] = {0.0f, 0.0f, 0.0f};
+    MovingBall ball(v, false);
+    std::string error;
+    for (const char* s : settings) EXPECT_TRUE(ball.object.applySetting(s, error)) << error;
+    EXPECT_TRUE(ball.prepare(false));
+    if (displaced)
+        *displaced = (ball.object.shader().flags & VolumeShader::hasDisplacement) ||
+                     ball.object.shader().displacement.displacedChannels();
+    Image image;
+    RenderSettings s = frontView(false);
+    s.samples = 2;
+    EXPECT_EQ(renderImage(s, ball.objects, image, nullptr, &error), RENDER_OK) << error;
+    return image;
+}
+
+bool sameImage(const Image& a, const Image& b) {
+    return a.rgba.size() == b.rgba.size() &&
+           std::memcmp(a.rgba.data(), b.rgba.data(), a.rgba.size() * 4) == 0;
+}
+
+TEST(DisplacementRender, MultiplierZeroSkipsIt) {
+    const Image plain = renderBall({});
+    bool displaced = true;
+    const Image zero = renderBall({"displacement=on", "displmul=0", "displ0=constant:value=2",
+                                   "displ2=constant:value=2"},
+                                  &displaced);
+    EXPECT_FALSE(displaced);
+    EXPECT_TRUE(sameImage(plain, zero));
+    const Image on = renderBall(
+        {"displacement=on", "displ0=constant:value=2", "displ2=constant:value=2"}, &displaced);
+    EXPECT_TRUE(displaced);
+    EXPECT_FALSE(sameImage(plain, on));
+}
+
+TEST(DisplacementRender, NothingAboveTheSurfaceLevelRendersAsWithout) {
+    const Image plain = renderBall({"surflevel=50"});
+    bool displaced = true;
+    const Image none = renderBall({"surflevel=50", "displacement=on", "displ0=constant:value=2",
+                                   "displ2=noise:scale=0.5"},
+                                  &displaced);
+    EXPECT_FALSE(displaced);
+    EXPECT_TRUE(sameImage(plain, none));
+}
+
 }  // namespace
 }  // namespace vaporix

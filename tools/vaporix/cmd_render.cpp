@@ -1,5 +1,6 @@
 // vaporix render: one cache frame rendered by the stand-alone renderer to PNG or OpenEXR.
 #include <chrono>
+#include <algorithm>
 #include <cmath>
 #include <climits>
 #include <cstdio>
@@ -201,6 +202,16 @@ int run(int argc, char** argv) {
         if (!parseTextureSpec(text.substr(eq + 1), error))
             return usageError(CMD, "--texture " + slot + ": " + error);
         textures.emplace_back(slot, text.substr(eq + 1));
+    }
+    // A texture slot set with --set is a description on the command line too.
+    for (const auto& use : args.uses("--set")) {
+        const std::string& text = use[0];
+        const size_t eq = text.find('=');
+        const std::string name = text.substr(0, std::min(eq, text.find_first_of("[@")));
+        if (eq == std::string::npos || textureSlotOf(name) < 0) continue;
+        const std::string spec = text.substr(eq + 1);
+        if (!spec.empty() && !parseTextureSpec(spec, error))
+            return usageError(CMD, "--set " + name + ": " + error);
     }
 
     // The frame and its look: the parameters first, since playback maps --frame with them.
