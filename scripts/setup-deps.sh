@@ -9,7 +9,7 @@ PACKAGES=(
     libgtest-dev libgmock-dev libbenchmark-dev
     zlib1g-dev libdeflate-dev libzstd-dev libpng-dev libopenexr-dev libimath-dev
 )
-BENCH_PACKAGES=(libopenvdb-dev libboost-iostreams-dev libtbb-dev)
+BENCH_PACKAGES=(libopenvdb-dev libboost-iostreams-dev libtbb-dev libvtk9-dev)
 
 for arg in "$@"; do
     case "$arg" in
