@@ -33,9 +33,10 @@ struct GridJob : Job {
 
 }  // namespace
 
-DistanceGrid::DistanceGrid(ThreadManager* manager, int threads) : MTJobs(manager) {
-    init(threads);
-}
+// The jobs start at the first setup, not here: a pool thread must not see the object while a
+// derived class is still being constructed.
+DistanceGrid::DistanceGrid(ThreadManager* manager, int threads)
+    : MTJobs(manager), mThreads(threads) {}
 
 DistanceGrid::~DistanceGrid() { shutdown(); }
 
@@ -46,6 +47,7 @@ bool DistanceGrid::setup(int triangleCount, int vertexCount, float spacingWanted
     points.resize(0);
     pointTriangle.resize(0);
     size[0] = size[1] = size[2] = 0;
+    init(mThreads);
     mTriangles = std::max(triangleCount, 0);
     mVertices = std::max(vertexCount, 0);
     spacing = spacingWanted;
