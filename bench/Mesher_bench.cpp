@@ -3,7 +3,9 @@
 //
 //   vaporix_mesher_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 //
-// Cells per second are reported as items per second. Compare medians of one run.
+// Cells per second are reported as items per second. Compare medians of one run. The distance
+// baseline keeps a band of 3 voxels (a band as wide as the grid takes minutes and spreads far
+// outside the mesh's box); DistanceGrid fills every cell of its box.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -161,7 +163,7 @@ BENCHMARK(BM_MarchVtkFlyingEdges)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)
 BENCHMARK(BM_MarchOpenVdbVolumeToMesh)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_MarchAndSmooth10Vaporix)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_DistanceGridVaporix)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_DistanceOpenVdbMeshToVolume)->Args({1, 3})->Args({2, 3})->Args({1, 300})
+BENCHMARK(BM_DistanceOpenVdbMeshToVolume)->Args({1, 3})->Args({2, 3})
     ->Unit(benchmark::kMillisecond)->UseRealTime();
 
 BENCHMARK_MAIN();
