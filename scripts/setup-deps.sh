@@ -10,7 +10,7 @@ PACKAGES=(
     zlib1g-dev libdeflate-dev libzstd-dev libpng-dev libopenexr-dev libimath-dev
     libopenvdb-dev libboost-iostreams-dev libtbb-dev libhdf5-dev nlohmann-json3-dev
 )
-BENCH_PACKAGES=(libfftw3-dev)
+BENCH_PACKAGES=(libfftw3-dev libvtk9-dev)
 
 for arg in "$@"; do
     case "$arg" in

@@ -14,7 +14,7 @@ namespace vaporix {
 
 namespace {
 
-enum Pass : uint32_t { PASS_SAMPLE = 0, PASS_COPY = 1, PASS_SEED = 2, PASS_SPREAD = 3 };
+enum Pass : uint32_t { PASS_SAMPLE = 0, PASS_COPY = 1, PASS_SEED = 2, PASS_SPREAD = 3, PASS_NONE = 4 };
 
 constexpr int LOCAL_ROOM = 100000;
 // Samples are laid at most half a cell apart, so a cell's nearest sample is within a quarter
@@ -33,9 +33,10 @@ struct GridJob : Job {
 
 }  // namespace
 
-DistanceGrid::DistanceGrid(ThreadManager* manager, int threads) : MTJobs(manager) {
-    init(threads);
-}
+// The jobs start at the first setup, not here: a pool thread must not see the object while a
+// derived class is still being constructed.
+DistanceGrid::DistanceGrid(ThreadManager* manager, int threads)
+    : MTJobs(manager), mThreads(threads) {}
 
 DistanceGrid::~DistanceGrid() { shutdown(); }
 
@@ -46,6 +47,13 @@ bool DistanceGrid::setup(int triangleCount, int vertexCount, float spacingWanted
     points.resize(0);
     pointTriangle.resize(0);
     size[0] = size[1] = size[2] = 0;
+    if (!jobs) {
+        init(mThreads);
+        // An empty pass: the pool threads have started (and read the engine's name) before
+        // anything may destroy it.
+        setSpan(0);
+        runJobs(PASS_NONE);
+    }
     mTriangles = std::max(triangleCount, 0);
     mVertices = std::max(vertexCount, 0);
     spacing = spacingWanted;

@@ -60,6 +60,7 @@ public:
     int waves = 0;
 
 private:
+    int mThreads = -1;
     int mTriangles = 0;
     int mVertices = 0;
     uint32_t mPass = 0;
