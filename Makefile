@@ -33,7 +33,7 @@ fuzz: deps
 	cmake --build --preset fuzz -j $(JOBS)
 
 # A short run of each libFuzzer target from its seeds (part of `make test`).
-FUZZ_SECONDS ?= 20
+FUZZ_SECONDS ?= 10
 fuzz-smoke: deps
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz -j $(JOBS) --target fuzz_all
