@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "cache/CellCounter.h"
 #include "cache/PGroup.h"
 #include "cache/ParticlesToGrid.h"
 #include "cache/VaporixFrameData.h"
@@ -36,36 +37,7 @@ struct BlendGeometry {
     int32_t offsetB[3] = {0, 0, 0};
 };
 
-/// Coordinates of a destination cell, derived once from a job's first unit and then stepped.
-struct CellCounter {
-    int64_t x = 0, y = 0, z = 0;
-    int64_t sx = 1, sy = 1;
-    void start(uint64_t index, const int32_t size[3]) {
-        sx = size[0];
-        sy = size[1];
-        x = static_cast<int64_t>(index % uint64_t(sx));
-        const uint64_t rest = index / uint64_t(sx);
-        y = static_cast<int64_t>(rest % uint64_t(sy));
-        z = static_cast<int64_t>(rest / uint64_t(sy));
-    }
-    void step() {
-        if (++x == sx) {
-            x = 0;
-            if (++y == sy) {
-                y = 0;
-                ++z;
-            }
-        }
-    }
-    /// Moves to the start of the next row.
-    void nextRow() {
-        x = 0;
-        if (++y == sy) {
-            y = 0;
-            ++z;
-        }
-    }
-};
+using internal::CellCounter;
 
 /// Index of cell (x, y, z) in a grid of `size`, or -1 outside it.
 inline int64_t cellIndex(const int32_t size[3], int64_t x, int64_t y, int64_t z) {

@@ -1,6 +1,7 @@
 // Particles to a liquid field: binning into a half-resolution grid, rasterisation of the eight
 // full cells of each half cell from the particles around it, and the ocean pass.
 #include "cache/ParticlesToGrid.h"
+#include "cache/CellCounter.h"
 
 #include <algorithm>
 #include <cmath>
@@ -23,30 +24,7 @@ constexpr int32_t DENSE_COUNT = 6;
 /// Room each sub-cell's vector list starts with.
 constexpr int LIST_RESERVE = 100;
 
-/// Coordinates of a cell of a grid, derived once from an index and then stepped.
-struct CellCounter {
-    int64_t x = 0, y = 0, z = 0;
-    int64_t sx = 1, sy = 1;
-    void start(uint64_t index, const int32_t size[3]) {
-        sx = size[0];
-        sy = size[1];
-        x = static_cast<int64_t>(index % uint64_t(sx));
-        const uint64_t rest = index / uint64_t(sx);
-        y = static_cast<int64_t>(rest % uint64_t(sy));
-        z = static_cast<int64_t>(rest / uint64_t(sy));
-    }
-    /// Moves `n` cells on, x fastest.
-    void step(int64_t n) {
-        x += n;
-        while (x >= sx) {
-            x -= sx;
-            if (++y == sy) {
-                y = 0;
-                ++z;
-            }
-        }
-    }
-};
+using internal::CellCounter;
 
 bool aborted(const std::atomic<int>* flag) {
     return flag && flag->load(std::memory_order_relaxed) != 0;

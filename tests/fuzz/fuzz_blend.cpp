@@ -1,6 +1,7 @@
 // libFuzzer target: two small frames built from the input (sizes, shifts, scales, channel
 // values including NaN and infinities, particle groups with or without IDs and ages) blended
 // with every method; nothing may crash, read out of bounds or hang.
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -33,7 +34,13 @@ void buildFrame(VaporixFrameData& f, Input& in) {
     const uint8_t shape = in.byte();
     for (int a = 0; a < 3; ++a) f.gridTransform.m[9 + a] = float(int(in.byte() % 21) - 10);
     if (shape & 1) f.gridTransform.m[0] = in.value();  // another scale, or nonsense
-    if (shape & 2) f.gridTransform.m[9] = in.value();  // any shift at all
+    if (shape & 2) {
+        // Any shift, within 64 cells when finite: a union box of billions of cells is a valid
+        // (slow) blend, not something this target should spend its time on.
+        float shift = in.value();
+        if (std::isfinite(shift) && std::fabs(shift) > 64.0f) shift = std::fmod(shift, 64.0f);
+        f.gridTransform.m[9] = shift;
+    }
     f.timeStep = (shape & 4) ? in.value() : 0.5f;
     f.frameNumber = int(in.byte());
     const int64_t cells = f.getCellCount();
