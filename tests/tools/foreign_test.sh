@@ -101,6 +101,15 @@ assert [c['ordinal'] for c in j['channels']] == [1], j['channels']
 assert j['channels'][0]['min'] == 201, j['channels']
 "
 
+# Two frames of a foreign sequence blend into a .vxg frame.
+check "blend vdb" status_is 0 "$tool" blend "$tmp/out_####.vdb" "$tmp/out_####.vdb" --frame 1 \
+    --weight 0.5 --quant-bits 32 -o "$tmp/mid.vxg"
+check "blend vdb info" status_is 0 "$tool" info --json "$tmp/mid.vxg"
+check "blend vdb values" $py -c "
+import json; j = json.load(open('$tmp/stdout'))
+assert 2 in [c['ordinal'] for c in j['channels']], j['channels']
+"
+
 # A converted frame renders.
 check "render vdb" status_is 0 "$tool" render "$tmp/b.vdb" --size 24 16 --samples 1 -q \
     -o "$tmp/b.png"

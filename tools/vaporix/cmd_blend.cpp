@@ -17,7 +17,7 @@ const char* USAGE =
     "usage: vaporix blend A B --weight T [--method linear|velocity|header]\n"
     "                     [--particles id|age|none] [--overlap SECONDS]\n"
     "                     [--frame N] [--frame-b M] [--quant-bits B] [--quant-step S]\n"
-    "                     [--passes P] [--zones Z] -o OUT.vxg\n"
+    "                     [--passes P] [--zones Z] [--channel-map MAP] -o OUT.vxg\n"
     "\n"
     "Writes the frame between A and B at weight T of B (0 gives A, 1 gives B's place with A's\n"
     "content moved or mixed). The grids may differ in size and position but not in cell size\n"
@@ -32,7 +32,9 @@ const char* USAGE =
     "A and B are files, or frame patterns (smoke_####.vxg) with --frame N for A and --frame-b M\n"
     "for B (default N + 1). OUT may be a pattern too: it names the blended frame's number.\n"
     "Grid channels are stored as with pack: --quant-bits 20 or more keeps the floats exactly\n"
-    "(defaults: B 16, S 0, P 2, Z 1).\n";
+    "(defaults: B 16, S 0, P 2, Z 1).\n"
+    "OpenVDB (.vdb) and Field3D (.f3d) frames are read with --channel-map MAP\n"
+    "(\"2,density;1,temperature;\") or each sequence's default map (see 'vaporix channels').\n";
 
 struct EncodeSettings {
     int quantBits = 16;
@@ -41,12 +43,12 @@ struct EncodeSettings {
     int zones = 1;
 };
 
-/// Reads one frame; @return EXIT_OK or the exit status after a message.
-int loadFrame(VaporixFrameData& frame, const std::string& file) {
-    const int status = frame.importFile(file.c_str(), "", 0, true, false, false);
-    if (status != LOAD_OK)
-        return failure("blend", file + ": " + loadStatusText(status) + " (status " +
-                                    std::to_string(status) + ")");
+/// Reads one frame, a foreign cache with `map`; @return EXIT_OK or the exit status after a
+/// message.
+int loadFrame(VaporixFrameData& frame, const std::string& file, const std::string& map) {
+    const int status = frame.importFile(file.c_str(), map.c_str(), 0, true, false, false);
+    if (status != LOAD_OK) return failure("blend", loadFailureText(file, status));
+    reportFrameWarnings("blend", frame);
     return EXIT_OK;
 }
 
@@ -106,7 +108,7 @@ int run(int argc, char** argv) {
         {"--weight", 1},     {"--method", 1},     {"--particles", 1}, {"--overlap", 1},
         frameOption(),       {"--frame-b", 1},    {"-o", 1},          {"--help"},
         {"-h"},              {"--quant-bits", 1}, {"--quant-step", 1}, {"--passes", 1},
-        {"--zones", 1}};
+        {"--zones", 1},      channelMapOption()};
     if (!args.parse(argc, argv, 2, specs, error)) return usageError("blend", error);
     if (args.has("--help") || args.has("-h")) {
         std::fputs(USAGE, stdout);
@@ -186,8 +188,10 @@ int run(int argc, char** argv) {
         return rc;
 
     VaporixFrameData a, b, out;
-    if (int rc = loadFrame(a, fileA); rc != EXIT_OK) return rc;
-    if (int rc = loadFrame(b, fileB); rc != EXIT_OK) return rc;
+    if (int rc = loadFrame(a, fileA, channelMapFor(args, args.positional[0])); rc != EXIT_OK)
+        return rc;
+    if (int rc = loadFrame(b, fileB, channelMapFor(args, args.positional[1])); rc != EXIT_OK)
+        return rc;
 
     // The blend says why it failed in the log; the same text is this command's message.
     std::mutex logMutex;
