@@ -137,10 +137,10 @@ bool GridObject::prepare(std::string& error) {
         mShader.textures[k].reset();
         const char* slot = textureSlotName(k);
         if (!slot || (k >= TEX_DISPL0 && !displacementOn)) continue;
-        const std::string spec = mParams.getString(slot, mTime);
-        if (spec.empty()) continue;
+        const std::string description = mParams.getString(slot, mTime);
+        if (description.empty()) continue;
         std::string problem;
-        mShader.textures[k] = parseTextureSpec(spec, problem);
+        mShader.textures[k] = parseTextureSpec(description, problem);
         if (!mShader.textures[k]) {
             error = std::string(slot) + ": " + problem;
             return false;

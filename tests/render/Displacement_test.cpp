@@ -44,9 +44,9 @@ struct BallGrid {
         return std::sqrt((x - centre[0]) * (x - centre[0]) + (y - centre[1]) * (y - centre[1]) +
                          (z - centre[2]) * (z - centre[2]));
     }
-    void texture(int slot, const char* spec) {
+    void texture(int slot, const char* description) {
         std::string error;
-        shader.textures[slot] = parseTextureSpec(spec, error);
+        shader.textures[slot] = parseTextureSpec(description, error);
         ASSERT_TRUE(shader.textures[slot]) << error;
     }
     /// Where the surface argument (as the shader now reads it) crosses 0 along +x from the

@@ -209,8 +209,8 @@ int run(int argc, char** argv) {
         const size_t eq = text.find('=');
         const std::string name = text.substr(0, std::min(eq, text.find_first_of("[@")));
         if (eq == std::string::npos || textureSlotOf(name) < 0) continue;
-        const std::string spec = text.substr(eq + 1);
-        if (!spec.empty() && !parseTextureSpec(spec, error))
+        const std::string description = text.substr(eq + 1);
+        if (!description.empty() && !parseTextureSpec(description, error))
             return usageError(CMD, "--set " + name + ": " + error);
     }
 
@@ -234,8 +234,8 @@ int run(int argc, char** argv) {
         sceneFrame = shown->frameNumber;
     GridObject& object = playback.object();
     object.setFrame(shown, static_cast<int>(std::lround(sceneFrame)));
-    for (const auto& [slot, spec] : textures)
-        object.params().setString(slot.c_str(), 0, spec);
+    for (const auto& [slot, description] : textures)
+        object.params().setString(slot.c_str(), 0, description);
     object.motionBlur = args.has("--motion-blur");
     object.shutterOpen = shutter[0];
     object.shutterClose = shutter[1];
